@@ -1,0 +1,37 @@
+// What the automation families share: the handle classes behind the opaque
+// pointers and the one way a bstrunit is built or copied.
+#ifndef KORVANE_AUTOMATION_INTERNAL_H
+#define KORVANE_AUTOMATION_INTERNAL_H
+
+#include <cstdint>
+
+#include "korvane/automation.h"
+#include "korvane/types.h"
+
+// Owns at most one bstrunit. Destruction goes through the virtual deleting
+// destructor, as for every handle class.
+class bstr_handle {
+public:
+    bstr_handle() = default;
+    bstr_handle(const bstr_handle&) = delete;
+    bstr_handle& operator=(const bstr_handle&) = delete;
+    virtual ~bstr_handle();
+
+    bstrunit* unit = nullptr;
+};
+
+namespace korvane {
+
+// A new unit of `length` bytes (length sign-extended, so a negative length
+// makes the allocation throw) holding a copy of `bytes` when length >= 1.
+bstrunit* makeUnit(int32_t length, const void* bytes);
+// Deep copy of a unit as it stands; null for null.
+bstrunit* copyUnit(const bstrunit* unit);
+// Unit holding `text` and its NUL (length strlen + 1).
+bstrunit* unitFromString(const char* text);
+// Frees a unit (array delete of its block); null is ignored.
+inline void freeUnit(bstrunit* unit) { bstrunit_free(unit); }
+
+} // namespace korvane
+
+#endif

@@ -1,0 +1,125 @@
+// BSTR strings: a handle owning one length-prefixed buffer (bstrunit).
+#include <cstring>
+
+#include "automation/AutomationInternal.h"
+
+namespace korvane {
+
+bstrunit* makeUnit(int32_t length, const void* bytes) {
+    bstrunit* unit = bstrunit_alloc(length);
+    if (length >= 1)
+        std::memcpy(bstrunit_data(unit), bytes, static_cast<size_t>(length));
+    return unit;
+}
+
+bstrunit* copyUnit(const bstrunit* unit) {
+    return unit == nullptr ? nullptr : makeUnit(unit->length, bstrunit_data(unit));
+}
+
+bstrunit* unitFromString(const char* text) {
+    return makeUnit(static_cast<int32_t>(std::strlen(text) + 1), text);
+}
+
+} // namespace korvane
+
+bstr_handle::~bstr_handle() {
+    korvane::freeUnit(unit);
+}
+
+namespace {
+
+// The three setters share one shape: a null handle reports whether there was
+// nothing to set; otherwise the handle is cleared *before* the source is read
+// (so setting a handle from itself empties it, which callers rely on) and
+// then takes a copy of the source, null meaning no string.
+template <class Source, class Copy>
+bool setFrom(bstr_handle* handle, Source source, Copy copy) {
+    if (handle == nullptr)
+        return source == nullptr;
+    bstr_clear(handle);
+    handle->unit = copy(source);
+    return true;
+}
+
+} // namespace
+
+bstr_handle* bstr_create(void) {
+    return new bstr_handle;
+}
+
+void bstr_destroy(bstr_handle** handle) {
+    if (*handle == nullptr)
+        return;
+    delete *handle;
+    *handle = nullptr;
+}
+
+void bstr_clear(bstr_handle* handle) {
+    if (handle == nullptr)
+        return;
+    korvane::freeUnit(handle->unit);
+    handle->unit = nullptr;
+}
+
+bool bstr_set_string(bstr_handle* handle, const char* text) {
+    return setFrom(handle, text, [](const char* t) { return t == nullptr ? nullptr : korvane::unitFromString(t); });
+}
+
+bool bstr_set_bstrunit(bstr_handle* handle, const bstrunit* unit) {
+    return setFrom(handle, unit, korvane::copyUnit);
+}
+
+bool bstr_set_bstr(bstr_handle* destination, bstr_handle* source) {
+    return setFrom(destination, source,
+                   [](const bstr_handle* s) { return s == nullptr ? nullptr : korvane::copyUnit(s->unit); });
+}
+
+const char* bstr_get_string(const bstr_handle* handle) {
+    if (handle == nullptr || handle->unit == nullptr)
+        return nullptr;
+    return bstrunit_data(handle->unit);
+}
+
+namespace {
+// Both units present: same length and the same data bytes.
+bool sameUnit(const bstrunit* a, const bstrunit* b) {
+    if (a->length != b->length)
+        return false;
+    return a->length <= 0 || std::memcmp(bstrunit_data(a), bstrunit_data(b), static_cast<size_t>(a->length)) == 0;
+}
+} // namespace
+
+bool bstr_equal_bstr(const bstr_handle* a, const bstr_handle* b) {
+    if (a == nullptr)
+        return b == nullptr;
+    if (b == nullptr)
+        return false;
+    if (a->unit == nullptr)
+        return b->unit == nullptr;
+    if (b->unit == nullptr)
+        return false;
+    return sameUnit(a->unit, b->unit);
+}
+
+bool bstr_equal_bstrunit(const bstr_handle* handle, const bstrunit* unit) {
+    if (handle == nullptr || handle->unit == nullptr)
+        return unit == nullptr;
+    if (unit == nullptr)
+        return false;
+    return sameUnit(handle->unit, unit);
+}
+
+void bstr_attach_bstrunit(bstr_handle* handle, bstrunit* unit) {
+    if (handle == nullptr)
+        return;
+    bstr_clear(handle);
+    handle->unit = unit;
+}
+
+bstrunit* bstr_detach_bstrunit(bstr_handle* handle) {
+    if (handle == nullptr)
+        return nullptr;
+    bstrunit* unit = handle->unit;
+    handle->unit = nullptr;
+    return unit;
+}

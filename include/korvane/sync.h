@@ -1,0 +1,117 @@
+// Synchronisation: shared memory, the sync environment, and mutexes,
+// conditions, events, semaphores and reader-writer mutexes.
+//
+// Named objects live in POSIX shared memory under the caller's name (visible
+// in /dev/shm) and are shared by every process that creates the same name.
+// They need one process of the machine to run the sync manager
+// (os_sync_environment_initialize(false)). A named creation never returns
+// null: when the name is longer than 1023 characters, no manager runs or it
+// does not answer within 100 ms, the handle is unusable and its operations
+// return at once (waits return false). Timed waits take an absolute deadline
+// on the monotonic clock (os_clock_get_time(1, ...)).
+#ifndef KORVANE_SYNC_H
+#define KORVANE_SYNC_H
+
+#include <cstdint>
+#include <ctime>
+
+#include "korvane/export.h"
+#include "korvane/types.h"
+
+KORVANE_BEGIN_DECLS
+
+// ---------------------------------------------------------------------------
+// Shared memory segments.
+
+// Creates (or takes over and resets) the segment `name` of `size` bytes,
+// zero-filled and mapped. Null on any failure; a failed create never removes
+// the name.
+KORVANE_API sharememory_handle* os_sharememory_create(const char* name, uint32_t size);
+// Maps an existing segment; null when it does not exist or cannot be mapped.
+KORVANE_API sharememory_handle* os_sharememory_open(const char* name);
+// Start of the mapping; null for a null handle; the all-ones pointer after
+// os_sharememory_close.
+KORVANE_API void* os_sharememory_get_buffer(sharememory_handle* handle);
+// Unmaps; with `unlink` also removes the name. The handle stays allocated.
+KORVANE_API void os_sharememory_close(sharememory_handle* handle, bool unlink);
+// Unmaps if mapped and frees the handle, nulling *handle. Never removes the name.
+KORVANE_API void os_sharememory_destroy(sharememory_handle** handle);
+
+// ---------------------------------------------------------------------------
+// Sync environment.
+
+// client_only false: become the machine's sync manager (true when started).
+// client_only true: true when a sync manager answers on the channel.
+KORVANE_API bool os_sync_environment_initialize(bool client_only);
+// Stops this process's sync manager, if any, and removes the channel and
+// every named object memory it still holds.
+KORVANE_API void os_sync_environment_uninitialize(void);
+
+// ---------------------------------------------------------------------------
+// Mutex and recursive mutex. Null name: private to the process. Named: a
+// robust process-shared mutex; a lock whose previous holder died returns
+// holding the repaired mutex.
+
+KORVANE_API mutex_handle* os_mutex_create(const char* name);
+KORVANE_API void os_mutex_destroy(mutex_handle** handle);
+KORVANE_API void os_mutex_lock(mutex_handle* handle);
+KORVANE_API void os_mutex_unlock(mutex_handle* handle);
+
+KORVANE_API recursive_mutex_handle* os_recursive_mutex_create(const char* name);
+KORVANE_API void os_recursive_mutex_destroy(recursive_mutex_handle** handle);
+KORVANE_API void os_recursive_mutex_lock(recursive_mutex_handle* handle);
+KORVANE_API void os_recursive_mutex_unlock(recursive_mutex_handle* handle);
+
+// ---------------------------------------------------------------------------
+// Condition variable with its own mutex, private to the process, on the
+// monotonic clock. Waits return 0 when woken (spurious wake-ups included),
+// 1 on time-out, 2 on any other error; a null handle returns 0.
+
+KORVANE_API condition_handle* os_condition_create(void);
+KORVANE_API void os_condition_destroy(condition_handle** handle);
+KORVANE_API void os_condition_lock(condition_handle* handle);
+KORVANE_API void os_condition_unlock(condition_handle* handle);
+// Wakes at most one waiter; a signal with no waiter is lost.
+KORVANE_API void os_condition_signal(condition_handle* handle);
+// The caller holds the handle's lock.
+KORVANE_API int os_condition_wait(condition_handle* handle);
+KORVANE_API int os_condition_wait_timeout(condition_handle* handle, struct timespec deadline);
+
+// ---------------------------------------------------------------------------
+// Event: manual or automatic reset. An automatic-reset event releases one
+// waiter per set; a manual-reset event stays set until reset.
+
+KORVANE_API event_handle* os_event_create(bool manual_reset, bool initial_state, const char* name);
+KORVANE_API void os_event_destroy(event_handle** handle);
+KORVANE_API void os_event_set_event(event_handle* handle);
+KORVANE_API void os_event_reset_event(event_handle* handle);
+// True when the event was set and this wait consumed or passed it.
+KORVANE_API bool os_event_wait(event_handle* handle);
+// True when the event was set before the deadline.
+KORVANE_API bool os_event_wait_timeout(event_handle* handle, struct timespec deadline);
+
+// ---------------------------------------------------------------------------
+// Counting semaphore.
+
+KORVANE_API semaphore_handle* os_semaphore_create(int initial_count, const char* name);
+KORVANE_API void os_semaphore_destroy(semaphore_handle** handle);
+// Sets the undo flag used by System V semaphores; false for a null handle.
+KORVANE_API bool os_semaphore_set_undo_track(semaphore_handle* handle, bool undo);
+// True when a unit was taken (a signal interrupting the wait is a failure).
+KORVANE_API bool os_semaphore_wait(semaphore_handle* handle);
+KORVANE_API bool os_semaphore_wait_timeout(semaphore_handle* handle, struct timespec deadline);
+KORVANE_API void os_semaphore_release(semaphore_handle* handle);
+
+// ---------------------------------------------------------------------------
+// Reader-writer mutex with reader preference. Unlock releases one reader or
+// the writer; it must not be called on a handle whose named creation failed.
+
+KORVANE_API rw_mutex_handle* os_rw_mutex_create(const char* name);
+KORVANE_API void os_rw_mutex_destroy(rw_mutex_handle** handle);
+KORVANE_API void os_rw_mutex_lock_rd(rw_mutex_handle* handle);
+KORVANE_API void os_rw_mutex_lock_wr(rw_mutex_handle* handle);
+KORVANE_API void os_rw_mutex_unlock(rw_mutex_handle* handle);
+
+KORVANE_END_DECLS
+
+#endif

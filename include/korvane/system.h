@@ -1,0 +1,130 @@
+// System services: clocks and sleeping, threads, scheduling and atomics,
+// memory locking, processes and environment, text helpers, dynamic loading.
+#ifndef KORVANE_SYSTEM_H
+#define KORVANE_SYSTEM_H
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "korvane/export.h"
+
+// Thread function; its return value, if any, is not used.
+typedef void (*os_thread_function)(void* argument);
+
+KORVANE_BEGIN_DECLS
+
+// ---------------------------------------------------------------------------
+// Clocks. Clock ids are the platform's (0 realtime, 1 monotonic). Arithmetic
+// works field by field; os_clock_adjust_clock_time normalises.
+
+// clock_gettime's result as it stands.
+KORVANE_API int os_clock_get_time(uint32_t clock_id, struct timespec* time);
+// Sleeps until an absolute monotonic deadline: 0, or an error number (a
+// signal ends the sleep early with EINTR).
+KORVANE_API int os_clock_nano_sleep(const struct timespec* deadline);
+// span = end - start, field by field, not normalised.
+KORVANE_API void os_clock_get_clock_span(const struct timespec* start, const struct timespec* end,
+                                         struct timespec* span);
+// Brings tv_nsec into 0..999999999, carrying into tv_sec.
+KORVANE_API void os_clock_adjust_clock_time(struct timespec* time);
+// The same instant on the other clock, normalised.
+KORVANE_API void os_clock_realtime_to_monotonic(const struct timespec* realtime, struct timespec* monotonic);
+KORVANE_API void os_clock_monotonic_to_realtime(const struct timespec* monotonic, struct timespec* realtime);
+// Relative sleep that signals never shorten: 0, or nanosleep's errno.
+KORVANE_API int os_thread_sleep_milliseconds(uint64_t milliseconds);
+
+// ---------------------------------------------------------------------------
+// Threads, scheduling and atomics.
+
+// Starts a joinable thread with at least 128 KiB of stack (0 = the platform
+// default, raised to that minimum). Does nothing when `thread` is null.
+KORVANE_API void os_thread_create(pthread_t* thread, os_thread_function function, void* argument,
+                                  size_t stack_size);
+// pthread_join's result.
+KORVANE_API int os_thread_join(pthread_t thread);
+// Pins a thread to one CPU (0..1023). The result compares the platform's
+// result with -1, so it is true even when the platform refused the set; kept
+// for existing callers.
+KORVANE_API bool os_thread_sched_set_thread_affinity(pthread_t thread, int cpu);
+// Pins the calling process to one CPU (0..1023).
+KORVANE_API bool os_thread_sched_set_affinity(int cpu);
+// Sequentially consistent read-modify-writes on 64-bit counters. Despite
+// their names, the fetch functions return the new value.
+KORVANE_API int64_t os_thread_sync_fetch_add(int64_t* counter);
+KORVANE_API int64_t os_thread_sync_fetch_sub(int64_t* counter);
+// Stores `desired` when *target equals `expected`; returns the value found.
+KORVANE_API int64_t os_thread_sync_compare_and_swap(int64_t* target, int64_t expected, int64_t desired);
+KORVANE_API int64_t os_thread_sync_compare_and_swap_64(int64_t* target, int64_t expected, int64_t desired);
+// SCHED_FIFO at `priority` for the calling process.
+KORVANE_API bool os_thread_init_rt_schedule(int priority);
+// Does nothing: leaving real-time scheduling is not supported.
+KORVANE_API void os_thread_exit_rt_schedule(void);
+// Holds the CPU DMA latency at 0 while the descriptor in *latency stays open;
+// *latency is -1 when nothing was installed.
+KORVANE_API bool os_thread_install_latency(int* latency);
+KORVANE_API void os_thread_uninstall_latency(int latency);
+// mlockall(flags & 3).
+KORVANE_API bool os_memory_manager_mlockall(int flags);
+KORVANE_API bool os_memory_manager_munlockall(void);
+
+// ---------------------------------------------------------------------------
+// Processes and environment.
+
+// Runs "./application" with `arguments` as its only argv entry, or else
+// `application` from PATH with argv {application, arguments}. The argument
+// string is never split. True unless a waited-for child was killed by a
+// signal.
+KORVANE_API bool os_system_run_application(const char* application, const char* arguments, bool wait);
+// killall -9 "name"; true when it exited with status 0.
+KORVANE_API bool os_system_kill_application(const char* name);
+// system(command); true when it exited with status 0.
+KORVANE_API bool os_system_invoke_command(const char* command);
+// Caller-buffer protocol: null buffer stores the needed size (length + 1);
+// a large enough buffer gets the value; too small gives false, size
+// unchanged. False when the variable is not set.
+KORVANE_API bool os_system_get_os_environmentVariable(const char* name, char* buffer, size_t* size);
+// replace: set to value. Otherwise an unset or empty variable becomes value,
+// one that already contains value (as a substring) becomes empty, and any
+// other gets ":value" appended.
+KORVANE_API void os_system_set_os_environmentVariable(const char* name, const char* value, bool replace);
+// Ignores SIGPIPE (writes to closed pipes fail with EPIPE); sigaction's result.
+KORVANE_API int os_system_close_exception(void);
+KORVANE_API bool os_system_check_root_privileges(void);
+// readlink("/proc/self/exe"): bytes written, not NUL-terminated, or -1.
+KORVANE_API ssize_t os_environment_get_application_path(char* buffer, size_t size);
+
+// ---------------------------------------------------------------------------
+// Text helpers.
+
+// Length that `format` would produce, plus 1; -1 when formatting fails. The
+// caller's va_list is left usable.
+KORVANE_API int os_clibrary_string_get_formatted_length(const char* format, va_list arguments);
+// Natural order: runs of digits compare by value ("file9" < "file10"),
+// other bytes by unsigned value, digits before other bytes.
+KORVANE_API bool os_clibrary_string_intelligent_greater(const char* a, const char* b);
+KORVANE_API bool os_clibrary_string_intelligent_less(const char* a, const char* b);
+// The OEM code page is UTF-8 here: both copy the text (caller-buffer
+// protocol). A null input counts as "" for oem_from_utf8 only.
+KORVANE_API bool os_utf8helper_oem_from_utf8(const char* text, char* buffer, size_t* size);
+KORVANE_API bool os_utf8helper_oem_to_utf8(const char* text, char* buffer, size_t* size);
+
+// ---------------------------------------------------------------------------
+// Dynamic libraries. Flags: 1 bind now (else lazy), 2 global, 4 no-delete,
+// 8 deep-bind.
+
+KORVANE_API void* os_dynamic_library_loader_load_ex(const char* file, uint32_t flags);
+// load_ex(file, 1).
+KORVANE_API void* os_dynamic_library_loader_load(const char* file);
+// Null for a null library.
+KORVANE_API void* os_dynamic_library_loader_get_proc(void* library, const char* symbol);
+// dlclose's result; 0 for a null library.
+KORVANE_API int os_dynamic_library_loader_free(void* library);
+
+KORVANE_END_DECLS
+
+#endif

@@ -1,0 +1,108 @@
+// What the synchronisation families share: the sync channel client, the
+// named-object protocol (create-or-open and release), and the robust lock.
+//
+// Every named primitive (mutex, recursive mutex, event, semaphore,
+// reader-writer mutex) lives in a named object memory:
+//
+//   offset 0   uint32 open count: handles open on the object in all processes
+//   offset 4   the object itself, laid out by its family
+//
+// The memory is created and removed by the sync manager on request; the open
+// count, and the initialisation and destruction of the object in place, are
+// changed only under the channel's lock semaphore.
+#ifndef KORVANE_SYNC_INTERNAL_H
+#define KORVANE_SYNC_INTERNAL_H
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "korvane/sync.h"
+
+namespace OS {
+
+// The client side of the sync channel, alive for one create or release.
+class CSyncClient {
+public:
+    // Opens the lock, request and finish semaphores and the channel memory;
+    // prints "Error: Can not open %s, errno = %d!\n" for each one missing.
+    // False (with nothing left open) unless all four opened.
+    bool create();
+    // Closes what is open; never unlinks anything.
+    void destroy();
+
+    sem_t* lockSemaphore = nullptr;
+    sem_t* requestSemaphore = nullptr;
+    sem_t* finishSemaphore = nullptr;
+    sharememory_handle* channelMemory = nullptr;
+};
+
+} // namespace OS
+
+namespace korvane {
+namespace sync {
+
+// Machine-wide names of the sync channel. Other processes find the manager by
+// these exact names, the misspelt "sharemomory" included.
+extern const char kChannelMemoryName[];     // "os_mutex_manage_enabled_sharemomory"
+extern const char kLockSemaphoreName[];     // "os_mutex_manage_enabled_semaphore"
+extern const char kRequestSemaphoreName[];  // "os_mutex_manage_request_semaphore"
+extern const char kFinishSemaphoreName[];   // "os_mutex_manage_finish_semaphore"
+
+constexpr uint32_t kChannelMemorySize = 1029;
+constexpr size_t kMaximumNameLength = 1023; // longer names never reach the manager
+constexpr uint32_t kOpenCountSize = 4;      // the object starts after the open count
+
+// sem_timedwait on the sync manager's 100 ms answer deadline (monotonic now,
+// converted to realtime, plus 100 ms). True when the semaphore was taken.
+bool waitForAnswer(sem_t* semaphore);
+
+// The named part of a handle: its name and its named object memory.
+struct NamedObject {
+    std::string name;                     // set once the channel opened
+    sharememory_handle* memory = nullptr; // null when unusable or unnamed
+
+    // Start of the object (memory + 4); null when there is no memory.
+    uint8_t* object() const;
+    uint32_t& openCount() const;
+};
+
+// Builds a family's object in place, once, in the first opener. `ftokKey` is
+// the System V key of "/dev/shm/<name>" for families that ask for one, else -1.
+using InitialiseInPlace = std::function<void(uint8_t* object, key_t ftokKey)>;
+// Tears the object down in place, in the last releaser.
+using DestroyInPlace = std::function<void(uint8_t* object)>;
+
+// The create-or-open sequence. `ftokFamily` is null for families without a
+// System V key; otherwise "/dev/shm/<name>" is keyed with ftok once the
+// manager answered, and a failure prints
+// "can't access memory file[(null)], create <ftokFamily> failed\n".
+// True when `named` ends usable (memory mapped, object initialised or
+// counted); false leaves named.memory null.
+bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requestSize, const char* ftokFamily,
+                             const InitialiseInPlace& initialise);
+
+// The release sequence: lowers the open count, and when it reaches 0
+// destroys the object in place and asks the manager to remove the memory.
+// Always ends with the memory handle destroyed and named.memory null.
+void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy);
+
+// Locks a mutex, repairing it when its previous owner died (EOWNERDEAD:
+// pthread_mutex_consistent, unlock, lock again). Prints
+// "mutex lock fixed failed!" when the repair fails and
+// "mutex lock error:%d.\n" on any other error. True when the caller holds
+// a consistent mutex.
+bool robustLock(pthread_mutex_t* mutex);
+
+// Initialises a mutex of the given type; process-shared and robust when
+// `shared` (the form every mutex inside a named object memory takes).
+void initialiseMutex(pthread_mutex_t* mutex, int type, bool shared);
+
+} // namespace sync
+} // namespace korvane
+
+#endif

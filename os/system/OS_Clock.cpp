@@ -1,0 +1,89 @@
+// Clocks, deadlines and sleeping. Every timed wait of the library builds its
+// deadline from these functions.
+#include <cerrno>
+#include <ctime>
+
+#include "korvane/system.h"
+
+namespace {
+constexpr long kNanosecondsPerSecond = 1000000000L;
+}
+
+int os_clock_get_time(uint32_t clock_id, struct timespec* time) {
+    return clock_gettime(static_cast<clockid_t>(clock_id), time);
+}
+
+int os_clock_nano_sleep(const struct timespec* deadline) {
+    for (;;) {
+        const int result = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, deadline, nullptr);
+        // clock_nanosleep returns its error number instead of -1, so this
+        // retry never fires and a signal ends the sleep with EINTR. Callers
+        // rely on being woken by their signals; keep the test on -1.
+        if (result == -1) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        return result;
+    }
+}
+
+void os_clock_get_clock_span(const struct timespec* start, const struct timespec* end, struct timespec* span) {
+    span->tv_sec = end->tv_sec - start->tv_sec;
+    span->tv_nsec = end->tv_nsec - start->tv_nsec;
+}
+
+void os_clock_adjust_clock_time(struct timespec* time) {
+    // Step by whole seconds rather than divide: callers only ever hold values
+    // a few seconds out of range, and the result for negative values must
+    // match the stepping rule exactly.
+    if (time->tv_nsec < 0) {
+        do {
+            time->tv_nsec += kNanosecondsPerSecond;
+            time->tv_sec -= 1;
+        } while (time->tv_nsec < 0);
+    } else if (time->tv_nsec > kNanosecondsPerSecond - 1) {
+        do {
+            time->tv_nsec -= kNanosecondsPerSecond;
+            time->tv_sec += 1;
+        } while (time->tv_nsec > kNanosecondsPerSecond - 1);
+    }
+}
+
+namespace {
+// Shifts `in` by (to - from) where both clocks are read now, realtime first.
+// The offset is taken afresh on every call: the realtime clock may be stepped.
+void convertInstant(const struct timespec* in, struct timespec* out, bool toRealtime) {
+    struct timespec realtime = {0, 0};
+    struct timespec monotonic = {0, 0};
+    os_clock_get_time(CLOCK_REALTIME, &realtime);
+    os_clock_get_time(CLOCK_MONOTONIC, &monotonic);
+    const struct timespec& from = toRealtime ? monotonic : realtime;
+    const struct timespec& to = toRealtime ? realtime : monotonic;
+    const struct timespec source = *in; // in and out may be the same record
+    out->tv_sec = source.tv_sec + to.tv_sec - from.tv_sec;
+    out->tv_nsec = source.tv_nsec + to.tv_nsec - from.tv_nsec;
+    os_clock_adjust_clock_time(out);
+}
+} // namespace
+
+void os_clock_realtime_to_monotonic(const struct timespec* realtime, struct timespec* monotonic) {
+    convertInstant(realtime, monotonic, false);
+}
+
+void os_clock_monotonic_to_realtime(const struct timespec* monotonic, struct timespec* realtime) {
+    convertInstant(monotonic, realtime, true);
+}
+
+int os_thread_sleep_milliseconds(uint64_t milliseconds) {
+    struct timespec remaining;
+    remaining.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    remaining.tv_nsec = static_cast<long>((milliseconds % 1000) * 1000000);
+    // nanosleep writes what is left back into `remaining`, so a signal only
+    // pauses the sleep.
+    while (nanosleep(&remaining, &remaining) == -1) {
+        if (errno != EINTR)
+            return errno;
+    }
+    return 0;
+}

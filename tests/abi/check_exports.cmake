@@ -1,0 +1,28 @@
+# Compares the defined dynamic symbols of LIBRARY with the names in EXPECTED.
+execute_process(COMMAND ${NM} -D --defined-only --format=posix ${LIBRARY}
+  OUTPUT_VARIABLE listing RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" lines "${listing}")
+set(exported "")
+foreach(line IN LISTS lines)
+  if(line MATCHES "^([^ ]+) ([A-Za-z]) ")
+    # Absolute symbols (type A) are the linker's version nodes, not functions.
+    if(NOT CMAKE_MATCH_2 STREQUAL "A")
+      list(APPEND exported "${CMAKE_MATCH_1}")
+    endif()
+  endif()
+endforeach()
+file(STRINGS ${EXPECTED} expected)
+set(extra ${exported})
+list(REMOVE_ITEM extra ${expected})
+set(missing ${expected})
+list(REMOVE_ITEM missing ${exported})
+list(LENGTH exported exported_count)
+list(LENGTH expected expected_count)
+if(extra OR missing)
+  message(FATAL_ERROR "export mismatch: ${exported_count} exported, ${expected_count} expected\n"
+    "  exported but not public: ${extra}\n  public but not exported: ${missing}")
+endif()
+message(STATUS "${exported_count} public functions exported, nothing else")

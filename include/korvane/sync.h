@@ -18,6 +18,14 @@
 #include "korvane/export.h"
 #include "korvane/types.h"
 
+// Machine-wide names of the sync channel, by which every process finds the
+// machine's sync manager. They are fixed, the misspelt "sharemomory"
+// included: managers and clients of every version must agree on them.
+#define KORVANE_SYNC_CHANNEL_MEMORY "os_mutex_manage_enabled_sharemomory"  // 1029 bytes
+#define KORVANE_SYNC_LOCK_SEMAPHORE "os_mutex_manage_enabled_semaphore"    // one client at a time
+#define KORVANE_SYNC_REQUEST_SEMAPHORE "os_mutex_manage_request_semaphore" // posted per request
+#define KORVANE_SYNC_FINISH_SEMAPHORE "os_mutex_manage_finish_semaphore"   // posted per answer
+
 KORVANE_BEGIN_DECLS
 
 // ---------------------------------------------------------------------------

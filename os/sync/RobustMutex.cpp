@@ -1,0 +1,46 @@
+// The one robust lock of the synchronisation families, and the one way they
+// initialise a mutex. A mutex inside a named object memory is robust, so a
+// process that dies holding it does not block the others for ever.
+#include <cerrno>
+#include <cstdio>
+
+#include "os/sync/SyncInternal.h"
+
+namespace korvane {
+namespace sync {
+
+bool robustLock(pthread_mutex_t* mutex) {
+    if (mutex == nullptr)
+        return false;
+    const int result = pthread_mutex_lock(mutex);
+    if (result == 0)
+        return true;
+    if (result == EOWNERDEAD) {
+        if (pthread_mutex_consistent(mutex) != 0) {
+            std::puts("mutex lock fixed failed!");
+            return false;
+        }
+        // Callers have always received the repaired mutex through a fresh
+        // lock rather than the one that reported the death.
+        pthread_mutex_unlock(mutex);
+        pthread_mutex_lock(mutex);
+        return true;
+    }
+    std::printf("mutex lock error:%d.\n", result);
+    return false;
+}
+
+void initialiseMutex(pthread_mutex_t* mutex, int type, bool shared) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, type);
+    if (shared) {
+        pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    }
+    pthread_mutex_init(mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+} // namespace sync
+} // namespace korvane

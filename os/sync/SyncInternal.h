@@ -32,8 +32,25 @@ public:
     // prints "Error: Can not open %s, errno = %d!\n" for each one missing.
     // False (with nothing left open) unless all four opened.
     bool create();
-    // Closes what is open; never unlinks anything.
+    // Closes what is open; never unlinks anything. Safe to call twice.
     void destroy();
+
+    CSyncClient() = default;
+    CSyncClient(const CSyncClient&) = delete;
+    CSyncClient& operator=(const CSyncClient&) = delete;
+    ~CSyncClient() { destroy(); }
+
+    // The channel's lock semaphore, taken without a time limit (a signal
+    // does not end the wait) and given back. Nothing happens when it is not
+    // open.
+    void lockChannel();
+    void unlockChannel();
+    // With the channel locked: writes a create (or destroy) request, posts
+    // the request semaphore and waits for the manager's answer on the
+    // finish semaphore (100 ms). True when the manager answered; false also
+    // when the name does not fit the channel memory (nothing is sent then).
+    bool requestCreate(const char* name, uint32_t size);
+    bool requestDestroy(const char* name);
 
     sem_t* lockSemaphore = nullptr;
     sem_t* requestSemaphore = nullptr;
@@ -56,6 +73,29 @@ extern const char kFinishSemaphoreName[];   // "os_mutex_manage_finish_semaphore
 constexpr uint32_t kChannelMemorySize = 1029;
 constexpr size_t kMaximumNameLength = 1023; // longer names never reach the manager
 constexpr uint32_t kOpenCountSize = 4;      // the object starts after the open count
+
+// The memory request in the channel memory. A create request carries its
+// name from byte 8 (after the size), a destroy request from byte 4 (it has no
+// size). Existing clients and managers rely on this asymmetry; keep it.
+constexpr uint32_t kCreateRequest = 1;
+constexpr uint32_t kDestroyRequest = 2;
+
+struct MemoryRequest {
+    uint32_t operation = 0;
+    uint32_t size = 0; // create requests only
+    std::string name;
+};
+
+// Bytes of the channel memory that may be touched: its 1029 bytes rounded up
+// to whole pages, as the mapping covers them. Names of 1021 to 1023
+// characters end past byte 1028 but still inside the mapping.
+size_t channelMappedBytes();
+// Write a request into the channel memory; false (nothing written) when the
+// name would end beyond the mapping.
+bool writeMemoryRequest(uint8_t* channel, const MemoryRequest& request);
+// Reads the request as the manager sees it; the name is read no further than
+// the mapping.
+MemoryRequest readMemoryRequest(const uint8_t* channel);
 
 // sem_timedwait on the sync manager's 100 ms answer deadline (monotonic now,
 // converted to realtime, plus 100 ms). True when the semaphore was taken.

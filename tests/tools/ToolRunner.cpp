@@ -1,0 +1,140 @@
+#include "ToolRunner.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace kvtest {
+namespace {
+
+std::vector<std::string> launcher() {
+    std::vector<std::string> words;
+    std::stringstream list(KORVANE_TOOL_LAUNCHER);
+    std::string word;
+    while (std::getline(list, word, ';')) {
+        if (!word.empty())
+            words.push_back(word);
+    }
+    return words;
+}
+
+pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err) {
+    std::vector<std::string> words = launcher();
+    words.push_back(toolPath(tool));
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    pid_t pid = -1;
+    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (failed != 0)
+        throw std::runtime_error("cannot start " + words.front());
+    out = outPipe[0];
+    err = errPipe[0];
+    return pid;
+}
+
+std::string drain(int fd) {
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) != 0) {
+        if (n > 0)
+            text.append(buffer, static_cast<size_t>(n));
+        else if (errno != EINTR)
+            break;
+    }
+    close(fd);
+    return text;
+}
+
+// Waits for `pid` at most `timeout`, killing it when the time is up, and
+// collects both outputs on helper threads so a chatty tool never blocks.
+ToolResult finish(pid_t pid, int out, int err, std::chrono::milliseconds timeout) {
+    ToolResult result;
+    std::thread outReader([&] { result.out = drain(out); });
+    std::thread errReader([&] { result.err = drain(err); });
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    outReader.join();
+    errReader.join();
+    if (WIFEXITED(status))
+        result.exitCode = WEXITSTATUS(status);
+    return result;
+}
+
+} // namespace
+
+std::string toolPath(const std::string& tool) {
+    const char* directory = std::getenv("KORVANE_TOOLS_DIR");
+    return std::string(directory != nullptr && *directory != '\0' ? directory : KORVANE_TOOLS_DIR) + "/" + tool;
+}
+
+ToolResult runTool(const std::string& tool, const std::vector<std::string>& arguments,
+                   std::chrono::milliseconds timeout) {
+    int out = -1, err = -1;
+    const pid_t pid = spawnTool(tool, arguments, out, err);
+    return finish(pid, out, err, timeout);
+}
+
+BackgroundTool::BackgroundTool(const std::string& tool, const std::vector<std::string>& arguments) {
+    m_pid = spawnTool(tool, arguments, m_out, m_err);
+}
+
+BackgroundTool::~BackgroundTool() {
+    if (m_pid <= 0)
+        return;
+    // Only a failed test gets here. A killed manager leaves its channel
+    // behind, which would fail every later test: clear it.
+    stop(SIGKILL);
+    runTool("korvane-shm", {"clean"});
+}
+
+ToolResult BackgroundTool::stop(int signal, std::chrono::milliseconds timeout) {
+    kill(m_pid, signal);
+    ToolResult result = finish(m_pid, m_out, m_err, timeout);
+    m_pid = -1;
+    return result;
+}
+
+bool waitForManager(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (runTool("korvane-shm", {"status"}).exitCode == 0)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+} // namespace kvtest

@@ -1,0 +1,120 @@
+#include "ShmScan.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+
+namespace korvane_tools {
+namespace {
+
+// The memory request sizes of the named objects: the open count plus the
+// object. Each size belongs to exactly one kind.
+struct KnownSize {
+    uint64_t size;
+    const char* kind;
+};
+constexpr KnownSize kKnownSizes[] = {
+    {52, "mutex"},                      // mutex and recursive mutex alike
+    {104, "event"},                     // condition wake-ups
+    {88, "event (semaphore mode)"},     //
+    {60, "event (System V mode)"},      //
+    {37, "semaphore"},                  //
+    {9, "semaphore (System V mode)"},   //
+    {152, "rw mutex"},                  //
+};
+
+bool isProcessId(const char* name) {
+    if (*name == '\0')
+        return false;
+    for (const char* c = name; *c != '\0'; ++c) {
+        if (*c < '0' || *c > '9')
+            return false;
+    }
+    return true;
+}
+
+uint32_t readOpenCount(const std::string& path) {
+    uint32_t count = 0;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    if (pread(fd, &count, sizeof count, 0) != static_cast<ssize_t>(sizeof count))
+        count = 0;
+    close(fd);
+    return count;
+}
+
+} // namespace
+
+const char* kindOfSize(uint64_t size) {
+    for (const KnownSize& known : kKnownSizes) {
+        if (known.size == size)
+            return known.kind;
+    }
+    return nullptr;
+}
+
+std::map<std::string, std::vector<pid_t>> mappingProcesses(const std::string& directory) {
+    std::map<std::string, std::vector<pid_t>> holders;
+    const std::string prefix = directory + "/";
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr)
+        return holders;
+    while (dirent* entry = readdir(proc)) {
+        if (!isProcessId(entry->d_name))
+            continue;
+        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
+        std::ifstream maps(std::string("/proc/") + entry->d_name + "/maps");
+        std::string line;
+        std::vector<std::string> seen;
+        while (std::getline(maps, line)) {
+            const size_t at = line.find(prefix);
+            if (at == std::string::npos)
+                continue;
+            std::string name = line.substr(at + prefix.size());
+            if (std::find(seen.begin(), seen.end(), name) != seen.end())
+                continue; // one process may map the same file more than once
+            seen.push_back(name);
+            holders[name].push_back(pid);
+        }
+    }
+    closedir(proc);
+    return holders;
+}
+
+std::vector<NamedObjectMemory> scanNamedObjects(const std::string& directory) {
+    std::vector<NamedObjectMemory> objects;
+    DIR* dir = opendir(directory.c_str());
+    if (dir == nullptr)
+        return objects;
+    while (dirent* entry = readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == ".." || name.rfind("sem.", 0) == 0)
+            continue; // named semaphores are not object memories
+        const std::string path = directory + "/" + name;
+        struct stat status;
+        if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+            continue;
+        const char* kind = kindOfSize(static_cast<uint64_t>(status.st_size));
+        if (kind == nullptr)
+            continue;
+        objects.push_back({name, kind, static_cast<uint64_t>(status.st_size), readOpenCount(path), {}});
+    }
+    closedir(dir);
+    const auto holders = mappingProcesses(directory);
+    for (NamedObjectMemory& object : objects) {
+        const auto found = holders.find(object.name);
+        if (found != holders.end())
+            object.holders = found->second;
+    }
+    std::sort(objects.begin(), objects.end(),
+              [](const NamedObjectMemory& a, const NamedObjectMemory& b) { return a.name < b.name; });
+    return objects;
+}
+
+} // namespace korvane_tools

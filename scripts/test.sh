@@ -1,37 +1,59 @@
 #!/usr/bin/env bash
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64.
-# Every suite runs even when an earlier one failed; the exit status is
-# non-zero when any failed.
+# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64;
+# then installation into a temporary prefix with two out-of-tree consumers,
+# and the Debian packages of both architectures. Every step runs even when an
+# earlier one failed; the exit status is non-zero when any failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test || exit 1
+mkdir -p build
 
-suites=(native sanitize aarch64)
+steps=()
 declare -A outcome
 failed=0
-for preset in "${suites[@]}"; do
-  echo "=== ${preset}: configure and build"
-  log=build/${preset}-ctest.log
-  mkdir -p build
-  if cmake --preset "$preset" && cmake --build --preset "$preset"; then
-    echo "=== ${preset}: test"
-    ctest --preset "$preset" 2>&1 | tee "$log"
-    if [ "${PIPESTATUS[0]}" -eq 0 ]; then
-      outcome[$preset]="passed: $(grep -E 'tests passed' "$log" | tail -1)"
-    else
-      outcome[$preset]="FAILED: $(grep -E 'tests passed|tests failed' "$log" | tail -1)"
-      failed=1
-    fi
+
+record() { # record <step> <status> <detail>
+  steps+=("$1")
+  if [ "$2" -eq 0 ]; then
+    outcome[$1]="passed${3:+: $3}"
   else
-    outcome[$preset]="FAILED: build"
+    outcome[$1]="FAILED${3:+: $3}"
     failed=1
   fi
-done
+}
+
+# Configures, builds and tests one preset, keeping ctest's summary line.
+run_tests() {
+  local preset=$1 log=build/$1-ctest.log
+  echo "=== ${preset}: configure and build"
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; }; then
+    record "$preset" 1 "build"
+    return
+  fi
+  echo "=== ${preset}: test"
+  ctest --preset "$preset" 2>&1 | tee "$log"
+  local status=${PIPESTATUS[0]}
+  record "$preset" "$status" "$(grep -E 'tests passed' "$log" | tail -1)"
+}
+
+run_check() { # run_check <step> <command>...
+  local step=$1
+  shift
+  echo "=== ${step}"
+  "$@"
+  record "$step" $? ""
+}
+
+run_tests native
+run_check install scripts/check-install.sh build/native
+run_tests sanitize
+run_tests aarch64
+run_check packages bash -c 'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'
 
 echo
 echo "=== summary"
-for preset in "${suites[@]}"; do
-  printf '%-10s %s\n' "$preset" "${outcome[$preset]}"
+for step in "${steps[@]}"; do
+  printf '%-10s %s\n' "$step" "${outcome[$step]}"
 done
 exit $failed

@@ -17,10 +17,10 @@
 namespace korvane {
 namespace sync {
 
-const char kChannelMemoryName[] = "os_mutex_manage_enabled_sharemomory";
-const char kLockSemaphoreName[] = "os_mutex_manage_enabled_semaphore";
-const char kRequestSemaphoreName[] = "os_mutex_manage_request_semaphore";
-const char kFinishSemaphoreName[] = "os_mutex_manage_finish_semaphore";
+const char kChannelMemoryName[] = KORVANE_SYNC_CHANNEL_MEMORY;
+const char kLockSemaphoreName[] = KORVANE_SYNC_LOCK_SEMAPHORE;
+const char kRequestSemaphoreName[] = KORVANE_SYNC_REQUEST_SEMAPHORE;
+const char kFinishSemaphoreName[] = KORVANE_SYNC_FINISH_SEMAPHORE;
 
 namespace {
 

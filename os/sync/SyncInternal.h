@@ -63,8 +63,9 @@ public:
 namespace korvane {
 namespace sync {
 
-// Machine-wide names of the sync channel. Other processes find the manager by
-// these exact names, the misspelt "sharemomory" included.
+// Machine-wide names of the sync channel (the KORVANE_SYNC_* names of the
+// public header). Other processes find the manager by these exact names, the
+// misspelt "sharemomory" included.
 extern const char kChannelMemoryName[];     // "os_mutex_manage_enabled_sharemomory"
 extern const char kLockSemaphoreName[];     // "os_mutex_manage_enabled_semaphore"
 extern const char kRequestSemaphoreName[];  // "os_mutex_manage_request_semaphore"

@@ -10,10 +10,17 @@ constexpr long kNanosecondsPerSecond = 1000000000L;
 }
 
 int os_clock_get_time(uint32_t clock_id, struct timespec* time) {
+    // The vDSO reads through the pointer without the kernel's checks.
+    if (time == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
     return clock_gettime(static_cast<clockid_t>(clock_id), time);
 }
 
 int os_clock_nano_sleep(const struct timespec* deadline) {
+    if (deadline == nullptr)
+        return EFAULT;
     for (;;) {
         const int result = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, deadline, nullptr);
         // clock_nanosleep returns its error number instead of -1, so this
@@ -29,11 +36,15 @@ int os_clock_nano_sleep(const struct timespec* deadline) {
 }
 
 void os_clock_get_clock_span(const struct timespec* start, const struct timespec* end, struct timespec* span) {
+    if (start == nullptr || end == nullptr || span == nullptr)
+        return;
     span->tv_sec = end->tv_sec - start->tv_sec;
     span->tv_nsec = end->tv_nsec - start->tv_nsec;
 }
 
 void os_clock_adjust_clock_time(struct timespec* time) {
+    if (time == nullptr)
+        return;
     // Step by whole seconds rather than divide: callers only ever hold values
     // a few seconds out of range, and the result for negative values must
     // match the stepping rule exactly.
@@ -54,6 +65,8 @@ namespace {
 // Shifts `in` by (to - from) where both clocks are read now, realtime first.
 // The offset is taken afresh on every call: the realtime clock may be stepped.
 void convertInstant(const struct timespec* in, struct timespec* out, bool toRealtime) {
+    if (in == nullptr || out == nullptr)
+        return;
     struct timespec realtime = {0, 0};
     struct timespec monotonic = {0, 0};
     os_clock_get_time(CLOCK_REALTIME, &realtime);

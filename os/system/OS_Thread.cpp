@@ -117,6 +117,8 @@ void os_thread_exit_rt_schedule(void) {
 
 bool os_thread_install_latency(int* latency) {
     static const char kLatencyFile[] = "/dev/cpu_dma_latency";
+    if (latency == nullptr)
+        return false;
     struct stat status;
     if (stat(kLatencyFile, &status) != 0) {
         *latency = -1;

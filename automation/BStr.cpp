@@ -1,5 +1,7 @@
 // BSTR strings: a handle owning one length-prefixed buffer (bstrunit).
+#include <climits>
 #include <cstring>
+#include <new>
 
 #include "automation/AutomationInternal.h"
 
@@ -17,7 +19,12 @@ bstrunit* copyUnit(const bstrunit* unit) {
 }
 
 bstrunit* unitFromString(const char* text) {
-    return makeUnit(static_cast<int32_t>(std::strlen(text) + 1), text);
+    const size_t length = std::strlen(text) + 1;
+    // The length field is 32-bit: a longer text cannot be held, and is
+    // refused the way any impossible allocation is.
+    if (length > INT32_MAX)
+        throw std::bad_array_new_length();
+    return makeUnit(static_cast<int32_t>(length), text);
 }
 
 } // namespace korvane
@@ -48,7 +55,7 @@ bstr_handle* bstr_create(void) {
 }
 
 void bstr_destroy(bstr_handle** handle) {
-    if (*handle == nullptr)
+    if (handle == nullptr || *handle == nullptr)
         return;
     delete *handle;
     *handle = nullptr;
@@ -110,7 +117,8 @@ bool bstr_equal_bstrunit(const bstr_handle* handle, const bstrunit* unit) {
 }
 
 void bstr_attach_bstrunit(bstr_handle* handle, bstrunit* unit) {
-    if (handle == nullptr)
+    // Attaching the unit the handle already owns must not free it first.
+    if (handle == nullptr || unit == handle->unit)
         return;
     bstr_clear(handle);
     handle->unit = unit;

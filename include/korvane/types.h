@@ -54,8 +54,12 @@ inline const char* bstrunit_data(const bstrunit* unit) {
 }
 
 // Allocates a unit of `length` data bytes (uninitialised) the way the
-// library does, so the library may free it and vice versa.
+// library does, so the library may free it and vice versa. A negative length
+// throws std::bad_array_new_length: the block would be smaller than its
+// 4-byte length field.
 inline bstrunit* bstrunit_alloc(int32_t length) {
+    if (length < 0)
+        throw std::bad_array_new_length();
     char* block = new char[static_cast<size_t>(static_cast<int64_t>(length)) + sizeof(bstrunit)];
     return new (block) bstrunit{length};
 }

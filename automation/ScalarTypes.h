@@ -6,6 +6,8 @@
 #ifndef KORVANE_SCALAR_TYPES_H
 #define KORVANE_SCALAR_TYPES_H
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 
@@ -78,6 +80,35 @@ template <class T>
 void writeScalar(tagTVARIANT* v, T value) {
     static_assert(std::is_arithmetic<T>::value, "scalars only");
     std::memcpy(&v->value, &value, sizeof value);
+}
+
+// The type the conversions read a tag's value as: its own type, except that a
+// char counts as an unsigned byte on every platform (a char holding -1 widens
+// to 255 and prints as "255"; kept on purpose for existing callers) and a bool
+// is read as its raw byte (a record filled by hand may hold any byte there).
+template <TVARTYPE Tag>
+using NumericScalar = std::conditional_t<Tag == TVT_CHAR || Tag == TVT_BOOL, unsigned char, Scalar<Tag>>;
+
+// The value bytes of a scalar as an unsigned integer of the same width, for
+// comparing or storing a value at that width without reading it as its type.
+template <std::size_t Width>
+struct UnsignedOfWidth;
+template <> struct UnsignedOfWidth<1> { using type = uint8_t; };
+template <> struct UnsignedOfWidth<2> { using type = uint16_t; };
+template <> struct UnsignedOfWidth<4> { using type = uint32_t; };
+template <> struct UnsignedOfWidth<8> { using type = uint64_t; };
+
+template <TVARTYPE Tag>
+using ScalarBits = typename UnsignedOfWidth<sizeof(Scalar<Tag>)>::type;
+
+// The printf format that turns a scalar tag's value (read as NumericScalar,
+// floats widened to double) into text; null for TVT_EMPTY, TVT_STRING and
+// unknown tags. Existing callers parse these texts, so they stay as they are.
+inline const char* printFormat(TVARTYPE tag) {
+    static constexpr const char* formats[] = {
+        nullptr, "%d", "%u", "%d", "%u", "%d", "%u", "%ld", "%lu", "%lld", "%llu", "%f", "%f", nullptr, "%d",
+    };
+    return tag < sizeof formats / sizeof formats[0] ? formats[tag] : nullptr;
 }
 
 // Type-name text of a tag ("char", "unsigned char", ... "string", "bool");

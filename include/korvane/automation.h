@@ -55,7 +55,8 @@ KORVANE_API bstrunit* bstr_detach_bstrunit(bstr_handle* handle);
 
 // ---------------------------------------------------------------------------
 // Variant values. `v` must point at a caller-owned record initialised with
-// variant_init; these functions do not test it for null.
+// variant_init. A null record is ignored: nothing happens and the boolean
+// functions return false (variant_equal_variant holds two nulls equal).
 
 // Zeroes all 16 bytes (tag TVT_EMPTY).
 KORVANE_API void variant_init(tagTVARIANT* v);

@@ -13,7 +13,8 @@ KORVANE_BEGIN_DECLS
 
 // ---------------------------------------------------------------------------
 // POSIX wrappers: each forwards its arguments unchanged and returns the
-// call's own result (errno as the call left it, no EINTR retry).
+// call's own result (errno as the call left it, no EINTR retry). A null path
+// gives -1 with errno EFAULT, as the kernel answers a bad address.
 
 KORVANE_API int os_clibrary_file_open(const char* path, int flags, unsigned int mode);
 KORVANE_API int os_clibrary_file_close(int fd);
@@ -60,27 +61,39 @@ KORVANE_API bool os_file_copy(const char* source, const char* destination);
 // fixed format). A path containing a quote, '$', '`' or similar characters
 // changes the meaning of the command. Never pass untrusted paths.
 
-// True when a folder exists at the path (trailing '/' stripped, links followed).
+// True when a folder exists at the path (trailing '/' stripped, links
+// followed). Like the file tests, a path made only of '/' characters throws
+// std::out_of_range.
 KORVANE_API bool os_folder_exist(const char* path);
 // Creates the folder and every missing parent with mode 0777 exactly. A first
 // component "~" is taken literally and not created. True when it exists at
 // the end.
 KORVANE_API bool os_folder_create(const char* path);
+// Trailing '/' and '\\' are stripped (separators only name the root).
 // recursive: the shell's rm -rf (true for a missing folder); otherwise
-// rmdir(2) of an empty folder.
+// rmdir(2) of an empty folder. A shell command counts as done when it exits
+// normally with status 0.
 KORVANE_API bool os_folder_remove(const char* path, bool recursive);
-// The shell's mv.
+// The shell's mv, after the same stripping as os_folder_remove: an existing
+// destination folder receives the source inside it.
 KORVANE_API bool os_folder_move(const char* source, const char* destination);
 // A missing destination is created and receives the visible contents of the
-// source; an existing one receives the source as a sub-folder named after the
-// source's last component. keep_existing never overwrites files.
+// source (names starting with '.' directly inside it are not copied; a source
+// with no visible entry makes the copy fail). An existing destination receives
+// the source as a sub-folder named after the source's last component; a
+// source without any separator (such as "photos") gives only its last
+// character as that name ("s"), which existing callers rely on.
+// keep_existing never overwrites files; its result is that of the awk that
+// drives the copy. A destination made only of '/' characters, or a source of
+// separators only with an existing destination, throws std::out_of_range.
 KORVANE_API bool os_folder_copy(const char* source, const char* destination, bool keep_existing);
 
 // ---------------------------------------------------------------------------
 // Filesystem walk: pre-order, depth-first, in directory order; symbolic links
 // are reported as files and never followed. `folder` is relative to `root`;
 // the callback (may be null) receives relative paths and the root with a
-// '/' appended. A null root throws std::logic_error.
+// '/' appended. A null root throws std::logic_error; a null folder reports
+// nothing. The callback cannot stop the walk.
 
 KORVANE_API void os_filesystem_walk_through(const char* folder, const char* root, IWalkThroughCallback* callback);
 // max_depth 0 reports only the starting folder; 0xFFFFFFFF means no limit.

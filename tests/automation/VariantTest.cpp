@@ -4,122 +4,105 @@
 
 #include <cmath>
 #include <cstring>
-#include <functional>
-#include <limits>
 
 #include "VariantTestUtil.h"
 
 namespace {
 
 using kvtest::describe;
+using kvtest::Filler;
 using kvtest::ScopedVariant;
+using kvtest::setTo;
+using kvtest::setToText;
 
-const uint8_t* bytesOf(const tagTVARIANT* v) {
-    return reinterpret_cast<const uint8_t*>(v);
+// Fills all 16 bytes of v with 0xAB, then gives it `tag` (and `unit`). Done
+// in place: a copy of the record need not carry its padding.
+void scribble(tagTVARIANT& v, TVARTYPE tag, bstrunit* unit = nullptr) {
+    std::memset(&v, 0xAB, sizeof v);
+    v.vt = tag;
+    if (unit != nullptr)
+        v.value.bstrVal = unit;
 }
 
-TEST(VariantInit, ZeroesTheWholeRecord) {
+std::string bytesOf(const tagTVARIANT& v) {
+    return std::string(reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+TEST(VariantInitAndClear, ZeroTheRecordButAStringKeepsItsPadding) {
     tagTVARIANT v;
-    std::memset(&v, 0xAB, sizeof v);
+    scribble(v, TVT_INT);
     variant_init(&v);
-    for (size_t i = 0; i < sizeof v; ++i)
-        EXPECT_EQ(bytesOf(&v)[i], 0) << "byte " << i;
-}
+    EXPECT_EQ(bytesOf(v), std::string(16, '\0'));
 
-TEST(VariantClear, StringFreesItsUnitAndTouchesOnlyTagAndValue) {
-    tagTVARIANT v;
-    std::memset(&v, 0xAB, sizeof v);
-    v.vt = TVT_STRING;
-    v.value.bstrVal = bstrunit_alloc(3); // freed by the clear, or ASan reports a leak
+    scribble(v, TVT_DOUBLE);
     variant_clear(&v);
-    EXPECT_EQ(v.vt, TVT_EMPTY);
-    EXPECT_EQ(v.value.bits, 0u);
-    for (size_t i = sizeof v.vt; i < offsetof(tagTVARIANT, value); ++i)
-        EXPECT_EQ(bytesOf(&v)[i], 0xAB) << "padding byte " << i;
-}
+    EXPECT_EQ(bytesOf(v), std::string(16, '\0'));
 
-TEST(VariantClear, OtherTagsZeroTheWholeRecord) {
-    tagTVARIANT v;
-    std::memset(&v, 0xAB, sizeof v);
-    v.vt = TVT_INT;
+    scribble(v, TVT_STRING, bstrunit_alloc(3)); // freed by the clear, or ASan reports a leak
     variant_clear(&v);
-    for (size_t i = 0; i < sizeof v; ++i)
-        EXPECT_EQ(bytesOf(&v)[i], 0) << "byte " << i;
+    EXPECT_EQ(bytesOf(v), std::string(2, '\0') + std::string(6, '\xAB') + std::string(8, '\0'));
 }
 
 struct SetterCase {
-    const char* name;
-    std::function<void(tagTVARIANT*, bool)> set;
+    Filler set;
+    Filler setWithoutFlag;
     TVARTYPE tag;
-    uint64_t bits; // the whole value union afterwards: the value at its width, zero above
+    uint64_t bits; // the whole value union: the value at its width, zero above
 };
 
-const SetterCase kSetters[] = {
-    {"char", [](tagTVARIANT* v, bool k) { variant_set_char(v, static_cast<char>(-1), k); }, TVT_CHAR, 0xFF},
-    {"byte", [](tagTVARIANT* v, bool k) { variant_set_byte(v, 200, k); }, TVT_BYTE, 0xC8},
-    {"short", [](tagTVARIANT* v, bool k) { variant_set_short(v, -2, k); }, TVT_SHORT, 0xFFFE},
-    {"ushort", [](tagTVARIANT* v, bool k) { variant_set_ushort(v, 65535, k); }, TVT_USHORT, 0xFFFF},
-    {"int", [](tagTVARIANT* v, bool k) { variant_set_int(v, -1, k); }, TVT_INT, 0xFFFFFFFF},
-    {"uint", [](tagTVARIANT* v, bool k) { variant_set_uint(v, 0x89ABCDEF, k); }, TVT_UINT, 0x89ABCDEF},
-    {"long", [](tagTVARIANT* v, bool k) { variant_set_long(v, -1, k); }, TVT_LONG, ~0ull},
-    {"ulong", [](tagTVARIANT* v, bool k) { variant_set_ulong(v, 0x0123456789ABCDEFul, k); }, TVT_ULONG,
-     0x0123456789ABCDEFull},
-    {"longlong", [](tagTVARIANT* v, bool k) { variant_set_longlong(v, -2, k); }, TVT_LONGLONG, ~1ull},
-    {"ulonglong", [](tagTVARIANT* v, bool k) { variant_set_ulonglong(v, 7, k); }, TVT_ULONGLONG, 7},
-    {"float", [](tagTVARIANT* v, bool k) { variant_set_float(v, 1.5f, k); }, TVT_FLOAT, 0x3FC00000},
-    {"double", [](tagTVARIANT* v, bool k) { variant_set_double(v, 1.5, k); }, TVT_DOUBLE, 0x3FF8000000000000},
-    {"bool", [](tagTVARIANT* v, bool k) { variant_set_bool(v, true, k); }, TVT_BOOL, 1},
-};
-
-TEST(VariantSetters, StoreTheValueAtItsWidthWithItsOwnTag) {
-    for (const SetterCase& c : kSetters) {
-        ScopedVariant v;
-        variant_set_string(v.get(), "replaced", true); // freed by the setter's clear
-        c.set(v.get(), true);
-        EXPECT_EQ(v->vt, c.tag) << c.name;
-        EXPECT_EQ(v->value.bits, c.bits) << c.name;
-    }
+template <class T, class Value>
+SetterCase setter(void (*set)(tagTVARIANT*, T, bool), Value value, TVARTYPE tag, uint64_t bits) {
+    return {setTo(set, value), [set, value](tagTVARIANT* v) { set(v, static_cast<T>(value), false); }, tag, bits};
 }
 
-// Without the flag a setter converts to the tag v has after its clear, which
-// is always empty: the record comes out exactly as with the flag, whatever v
-// held before.
-TEST(VariantSetters, FlagFalseNeverCoercesIntoThePresetType) {
-    for (const SetterCase& c : kSetters) {
+TEST(VariantSetters, StoreAtTheirWidthAndIgnoreTheFlag) {
+    const SetterCase cases[] = {
+        setter(variant_set_char, -1, TVT_CHAR, 0xFF),
+        setter(variant_set_byte, 200, TVT_BYTE, 0xC8),
+        setter(variant_set_short, -2, TVT_SHORT, 0xFFFE),
+        setter(variant_set_ushort, 65535, TVT_USHORT, 0xFFFF),
+        setter(variant_set_int, -1, TVT_INT, 0xFFFFFFFF),
+        setter(variant_set_uint, 0x89ABCDEF, TVT_UINT, 0x89ABCDEF),
+        setter(variant_set_long, -1, TVT_LONG, ~0ull),
+        setter(variant_set_ulong, 0x0123456789ABCDEF, TVT_ULONG, 0x0123456789ABCDEF),
+        setter(variant_set_longlong, -2, TVT_LONGLONG, ~1ull),
+        setter(variant_set_ulonglong, 7, TVT_ULONGLONG, 7),
+        setter(variant_set_float, 1.5f, TVT_FLOAT, 0x3FC00000),
+        setter(variant_set_double, 1.5, TVT_DOUBLE, 0x3FF8000000000000),
+        setter(variant_set_bool, true, TVT_BOOL, 1),
+    };
+    for (const SetterCase& c : cases) {
+        SCOPED_TRACE("tag " + std::to_string(c.tag));
         ScopedVariant kept, converted;
-        c.set(kept.get(), true);
-        variant_set_double(converted.get(), 9.5, true);
-        c.set(converted.get(), false);
-        EXPECT_EQ(std::memcmp(kept.get(), converted.get(), sizeof(tagTVARIANT)), 0) << c.name;
+        setToText("replaced")(kept.get()); // the setter's clear frees it
+        c.set(kept.get());
+        EXPECT_EQ(kept->vt, c.tag);
+        EXPECT_EQ(kept->value.bits, c.bits);
+        // Without the flag the value is converted to the tag v has after its
+        // clear, always empty: a preset double must not coerce it.
+        setTo(variant_set_double, 9.5)(converted.get());
+        c.setWithoutFlag(converted.get());
+        EXPECT_EQ(bytesOf(*converted.get()), bytesOf(*kept.get()));
     }
 }
 
-TEST(VariantSetString, CopiesTheTextWithItsNul) {
+TEST(VariantSetString, CopiesTheTextWithItsNulOrLeavesVAloneForNull) {
     for (bool keep : {true, false}) {
         ScopedVariant v;
-        variant_set_int(v.get(), 3, true);
-        variant_set_string(v.get(), "abc", keep);
-        ASSERT_EQ(v->vt, TVT_STRING);
-        EXPECT_EQ(v->value.bstrVal->length, 4);
-        EXPECT_EQ(describe(*v.get()), "string:'abc'");
-
         variant_set_string(v.get(), "", keep);
+        ASSERT_EQ(v->vt, TVT_STRING);
         EXPECT_EQ(v->value.bstrVal->length, 1);
-        EXPECT_EQ(bstrunit_data(v->value.bstrVal)[0], '\0');
+        variant_set_string(v.get(), "abc", keep);
+        EXPECT_EQ(v->value.bstrVal->length, 4);
+
+        const bstrunit* unit = v->value.bstrVal;
+        variant_set_string(v.get(), nullptr, keep);
+        EXPECT_EQ(v->value.bstrVal, unit);
+        EXPECT_EQ(describe(*v.get()), "string:'abc'");
     }
 }
 
-TEST(VariantSetString, NullTextLeavesTheVariantAsItWas) {
-    ScopedVariant v;
-    variant_set_string(v.get(), "kept", true);
-    const bstrunit* unit = v->value.bstrVal;
-    variant_set_string(v.get(), nullptr, true);
-    variant_set_string(v.get(), nullptr, false);
-    EXPECT_EQ(v->value.bstrVal, unit);
-    EXPECT_EQ(describe(*v.get()), "string:'kept'");
-}
-
-TEST(VariantSetBstrunit, DeepCopiesOrHoldsNoUnit) {
+TEST(VariantSetBstrunit, DeepCopiesTheUnitOrHoldsNone) {
     ScopedVariant v;
     bstrunit* unit = bstrunit_alloc(2);
     std::memcpy(bstrunit_data(unit), "a\0", 2);
@@ -130,90 +113,69 @@ TEST(VariantSetBstrunit, DeepCopiesOrHoldsNoUnit) {
     bstrunit_free(unit);
 
     variant_set_bstrunit(v.get(), nullptr);
-    EXPECT_EQ(v->vt, TVT_STRING);
-    EXPECT_EQ(v->value.bstrVal, nullptr);
-    variant_clear(v.get()); // nothing to free
-    EXPECT_EQ(v->vt, TVT_EMPTY);
+    EXPECT_EQ(describe(*v.get()), "string:null");
 }
 
-TEST(VariantSetVariant, CopiesScalarsWholeAndStringsDeeply) {
+TEST(VariantSetVariant, CopiesDeeplyAndEmptiesASelfCopy) {
     ScopedVariant source, copy;
-    variant_set_ulong(source.get(), 0x0123456789ABCDEFul, true);
+    setTo(variant_set_ulong, 0x0123456789ABCDEF)(source.get());
     variant_set_variant(copy.get(), source.get());
-    EXPECT_EQ(std::memcmp(copy.get(), source.get(), sizeof(tagTVARIANT)), 0);
+    EXPECT_EQ(bytesOf(*copy.get()), bytesOf(*source.get()));
 
-    variant_set_string(source.get(), "text", true);
-    variant_set_variant(copy.get(), source.get());
-    EXPECT_NE(copy->value.bstrVal, source->value.bstrVal);
-    variant_clear(source.get()); // the copy must survive the original
-    EXPECT_EQ(describe(*copy.get()), "string:'text'");
+    for (const Filler& fill : {setToText("text"), Filler([](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); })}) {
+        fill(source.get());
+        variant_set_variant(copy.get(), source.get());
+        const std::string expected = describe(*source.get());
+        EXPECT_TRUE(copy->value.bstrVal == nullptr || copy->value.bstrVal != source->value.bstrVal);
+        variant_clear(source.get()); // the copy must outlive the original
+        EXPECT_EQ(describe(*copy.get()), expected);
+    }
 
-    variant_set_bstrunit(source.get(), nullptr);
-    variant_set_variant(copy.get(), source.get());
-    EXPECT_EQ(describe(*copy.get()), "string:null");
-}
-
-TEST(VariantSetVariant, CopyOntoItselfLeavesItEmpty) {
-    ScopedVariant v;
-    variant_set_int(v.get(), 5, true);
-    variant_set_variant(v.get(), v.get());
-    EXPECT_EQ(describe(*v.get()), "empty");
-    variant_set_string(v.get(), "gone", true);
-    variant_set_variant(v.get(), v.get());
-    EXPECT_EQ(describe(*v.get()), "empty");
+    for (const Filler& fill : {setTo(variant_set_int, 5), setToText("gone")}) {
+        fill(copy.get());
+        variant_set_variant(copy.get(), copy.get());
+        EXPECT_EQ(describe(*copy.get()), "empty");
+    }
 }
 
 TEST(VariantEqual, QuirksAndRules) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    using Set = std::function<void(tagTVARIANT*)>;
-    auto str = [](const char* s) { return Set([s](tagTVARIANT* v) { variant_set_string(v, s, true); }); };
+    const Filler empty = [](tagTVARIANT*) {};
+    const Filler noUnit = [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); };
+    const Filler unknown = [](tagTVARIANT* v) { v->vt = kvtest::kUnknownTag; };
     // A char relabelled from a long keeps the long's upper bytes; only the
-    // value byte is compared.
-    const Set relabelledChar = [](tagTVARIANT* v) {
+    // value byte counts.
+    const Filler charFromLong = [](tagTVARIANT* v) {
         variant_set_long(v, 300, true);
         variant_change_type(v, TVT_CHAR);
     };
     struct Case {
         const char* what;
-        Set a, b;
+        Filler a, b;
         bool equal;
     } const cases[] = {
-        {"both empty", [](tagTVARIANT*) {}, [](tagTVARIANT*) {}, true},
-        {"empty and int 0", [](tagTVARIANT*) {}, [](tagTVARIANT* v) { variant_set_int(v, 0, true); }, false},
-        {"int and long of 5", [](tagTVARIANT* v) { variant_set_int(v, 5, true); },
-         [](tagTVARIANT* v) { variant_set_long(v, 5, true); }, false},
-        {"long 5", [](tagTVARIANT* v) { variant_set_long(v, 5, true); },
-         [](tagTVARIANT* v) { variant_set_long(v, 5, true); }, true},
-        {"long long 5 (never equal)", [](tagTVARIANT* v) { variant_set_longlong(v, 5, true); },
-         [](tagTVARIANT* v) { variant_set_longlong(v, 5, true); }, false},
-        {"unsigned long long 5 (never equal)", [](tagTVARIANT* v) { variant_set_ulonglong(v, 5, true); },
-         [](tagTVARIANT* v) { variant_set_ulonglong(v, 5, true); }, false},
-        {"short differs", [](tagTVARIANT* v) { variant_set_short(v, 1, true); },
-         [](tagTVARIANT* v) { variant_set_short(v, 2, true); }, false},
-        {"char value byte only", relabelledChar, [](tagTVARIANT* v) { variant_set_char(v, 44, true); }, true},
-        {"bool true", [](tagTVARIANT* v) { variant_set_bool(v, true, true); },
-         [](tagTVARIANT* v) { variant_set_bool(v, true, true); }, true},
-        {"uint differs", [](tagTVARIANT* v) { variant_set_uint(v, 1, true); },
-         [](tagTVARIANT* v) { variant_set_uint(v, 0x80000001u, true); }, false},
-        {"float +0 and -0", [](tagTVARIANT* v) { variant_set_float(v, 0.0f, true); },
-         [](tagTVARIANT* v) { variant_set_float(v, -0.0f, true); }, true},
-        {"float NaN", [nan](tagTVARIANT* v) { variant_set_float(v, nan, true); },
-         [nan](tagTVARIANT* v) { variant_set_float(v, nan, true); }, false},
-        {"double NaN", [](tagTVARIANT* v) { variant_set_double(v, std::nan(""), true); },
-         [](tagTVARIANT* v) { variant_set_double(v, std::nan(""), true); }, false},
-        {"double 0.5", [](tagTVARIANT* v) { variant_set_double(v, 0.5, true); },
-         [](tagTVARIANT* v) { variant_set_double(v, 0.5, true); }, true},
-        {"same text", str("same"), str("same"), true},
-        {"last four bytes are not compared", str("abcd"), str("abce"), true},
-        {"short texts equal by length", str("abc"), str("xyz"), true},
-        {"first byte differs", str("xbcde"), str("abcde"), false},
-        {"lengths differ", str("abc"), str("abcd"), false},
-        {"no unit on both sides", [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); },
-         [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); }, true},
-        {"no unit and a text", [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); }, str(""), false},
-        {"a text and no unit", str(""), [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); }, false},
-        {"unknown tags", [](tagTVARIANT* v) { v->vt = kvtest::kUnknownTag; },
-         [](tagTVARIANT* v) { v->vt = kvtest::kUnknownTag; }, false},
+        {"both empty", empty, empty, true},
+        {"empty and int 0", empty, setTo(variant_set_int, 0), false},
+        {"int and long of 5", setTo(variant_set_int, 5), setTo(variant_set_long, 5), false},
+        {"long 5", setTo(variant_set_long, 5), setTo(variant_set_long, 5), true},
+        {"long long 5 is never equal", setTo(variant_set_longlong, 5), setTo(variant_set_longlong, 5), false},
+        {"ulonglong 5 is never equal", setTo(variant_set_ulonglong, 5), setTo(variant_set_ulonglong, 5), false},
+        {"short differs", setTo(variant_set_short, 1), setTo(variant_set_short, 2), false},
+        {"uint high bit differs", setTo(variant_set_uint, 1), setTo(variant_set_uint, 0x80000001u), false},
+        {"char value byte only", charFromLong, setTo(variant_set_char, 44), true},
+        {"bool", setTo(variant_set_bool, true), setTo(variant_set_bool, true), true},
+        {"float +0 and -0", setTo(variant_set_float, 0.0f), setTo(variant_set_float, -0.0f), true},
+        {"float NaN", setTo(variant_set_float, std::nanf("")), setTo(variant_set_float, std::nanf("")), false},
+        {"double NaN", setTo(variant_set_double, std::nan("")), setTo(variant_set_double, std::nan("")), false},
+        {"double 0.5", setTo(variant_set_double, 0.5), setTo(variant_set_double, 0.5), true},
+        {"same text", setToText("same"), setToText("same"), true},
+        {"last four bytes not compared", setToText("abcd"), setToText("abce"), true},
+        {"short texts equal by length", setToText("abc"), setToText("xyz"), true},
+        {"first byte differs", setToText("xbcde"), setToText("abcde"), false},
+        {"lengths differ", setToText("abc"), setToText("abcd"), false},
+        {"no unit on both sides", noUnit, noUnit, true},
+        {"no unit and a text", noUnit, setToText(""), false},
+        {"a text and no unit", setToText(""), noUnit, false},
+        {"unknown tags", unknown, unknown, false},
     };
     for (const Case& c : cases) {
         ScopedVariant a, b;
@@ -221,26 +183,20 @@ TEST(VariantEqual, QuirksAndRules) {
         c.b(b.get());
         EXPECT_EQ(variant_equal_variant(a.get(), b.get()), c.equal) << c.what;
     }
-}
-
-TEST(VariantEqual, LongLongIsUnequalEvenToItself) {
     ScopedVariant v;
-    variant_set_longlong(v.get(), 5, true);
-    EXPECT_FALSE(variant_equal_variant(v.get(), v.get()));
-    variant_set_long(v.get(), 5, true);
-    EXPECT_TRUE(variant_equal_variant(v.get(), v.get()));
+    setTo(variant_set_longlong, 5)(v.get());
+    EXPECT_FALSE(variant_equal_variant(v.get(), v.get())) << "not even with itself";
 }
 
 TEST(VariantDatatypeSize, BitsOfEveryTag) {
-    const uint32_t expected[] = {0, 8, 8, 16, 16, 32, 32, 64, 64, 64, 64, 32, 64, 0, 8};
-    for (TVARTYPE tag = 0; tag <= TVT_BOOL; ++tag) {
+    const uint32_t expected[] = {0, 8, 8, 16, 16, 32, 32, 64, 64, 64, 64, 32, 64, 0, 8, 0};
+    const TVARTYPE unknownIndex = 15;
+    for (TVARTYPE i = 0; i <= unknownIndex; ++i) {
+        const TVARTYPE tag = i == unknownIndex ? kvtest::kUnknownTag : i;
         uint32_t bits = 12345;
-        EXPECT_EQ(variant_get_datatype_size(tag, &bits), expected[tag] != 0) << "tag " << tag;
-        EXPECT_EQ(bits, expected[tag]) << "tag " << tag;
+        EXPECT_EQ(variant_get_datatype_size(tag, &bits), expected[i] != 0) << "tag " << tag;
+        EXPECT_EQ(bits, expected[i]) << "tag " << tag;
     }
-    uint32_t bits = 12345;
-    EXPECT_FALSE(variant_get_datatype_size(kvtest::kUnknownTag, &bits));
-    EXPECT_EQ(bits, 0u);
 }
 
 } // namespace

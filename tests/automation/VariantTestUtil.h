@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "korvane/automation.h"
@@ -28,6 +29,19 @@ public:
 private:
     tagTVARIANT m_value;
 };
+
+// Fills a fresh variant for a test case.
+using Filler = std::function<void(tagTVARIANT*)>;
+
+// A filler calling one of the typed setters with `value` (flag true).
+template <class T, class Value>
+Filler setTo(void (*setter)(tagTVARIANT*, T, bool), Value value) {
+    return [setter, value](tagTVARIANT* v) { setter(v, static_cast<T>(value), true); };
+}
+
+inline Filler setToText(const char* text) {
+    return [text](tagTVARIANT* v) { variant_set_string(v, text, true); };
+}
 
 // The value union read as T, whatever the tag says.
 template <class T>

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64;
-# then installation into a temporary prefix with two out-of-tree consumers,
-# and the Debian packages of both architectures. Every step runs even when an
-# earlier one failed; the exit status is non-zero when any failed.
+# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64
+# and again on a real arm64 kernel in an emulated machine; then installation
+# into a temporary prefix with two out-of-tree consumers, and the Debian
+# packages of both architectures. Every step runs even when an earlier one
+# failed; the exit status is non-zero when any failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test || exit 1
@@ -45,10 +46,26 @@ run_check() { # run_check <step> <command>...
   record "$step" $? ""
 }
 
+# Runs the executables of the aarch64 step again on a real arm64 kernel in an
+# emulated machine, the OwnerDeath tests included; keeps its verdict line.
+run_arm64_machine() {
+  local log=build/arm64-vm.log
+  echo "=== arm64-vm: the aarch64 tests on an emulated arm64 machine"
+  if [ "${outcome[aarch64]:-}" = "FAILED: build" ]; then
+    record arm64-vm 1 "nothing to run, the aarch64 build failed"
+    return
+  fi
+  scripts/arm64-machine.sh 2>&1 | tee "$log"
+  local status=${PIPESTATUS[0]}
+  record arm64-vm "$status" \
+    "$(sed -nE 's/^arm64 machine: (passed|FAILED): //p' "$log" | tail -1)"
+}
+
 run_tests native
 run_check install scripts/check-install.sh build/native
 run_tests sanitize
 run_tests aarch64
+run_arm64_machine
 run_check packages bash -c 'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'
 
 echo

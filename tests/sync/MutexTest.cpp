@@ -278,22 +278,4 @@ TEST(MutexBadInput, NullHandlesAreIgnored) {
     EXPECT_EQ(noneRecursive, nullptr);
 }
 
-TEST_F(NamedMutexTest, HandleOutlivingTheManagerStillLocksAndDestroys) {
-    const std::string name = this->name("outlive");
-    mutex_handle* mutex = os_mutex_create(name.c_str());
-    stopManager();
-    EXPECT_FALSE(shmExists(name)) << "stop removes memories still in use";
-    const ChildResult child = runInChild(
-        [&] {
-            os_mutex_lock(mutex); // the mapping stays valid
-            os_mutex_unlock(mutex);
-            os_mutex_destroy(&mutex);
-            return mutex == nullptr ? 0 : 1;
-        },
-        5s, true);
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_NE(child.output.find("Error: Can not open os_mutex_manage_enabled_sharemomory"), std::string::npos);
-    captureStdout([&] { os_mutex_destroy(&mutex); });
-}
-
 } // namespace

@@ -223,7 +223,8 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
     if (named.memory != nullptr) {
         uint32_t& count = named.openCount();
         if (count == 0) {
-            initialise(named.object(), key);
+            if (initialise)
+                initialise(named.object(), key);
             count = 1;
         } else {
             count += 1;
@@ -243,7 +244,8 @@ void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy) {
             uint32_t& count = named.openCount();
             count -= 1;
             if (count == 0) {
-                destroy(named.object());
+                if (destroy)
+                    destroy(named.object());
                 // The manager removes the name; when it does not answer, the
                 // memory stays mapped until the handle is destroyed below.
                 if (client.requestDestroy(named.name.c_str()))

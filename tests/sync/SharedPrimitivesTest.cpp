@@ -201,11 +201,12 @@ int takeTicket(SharedPage& page) {
     const timespec deadline = kvtest::boundedDeadline();
     korvane::sync::robustLock(page.mutex());
     page.word(0) += 1;
-    while (page.word(1) == 0) {
-        if (page.condition()->waitUntil(page.mutex(), deadline) == ConditionWait::TimedOut)
-            break;
-    }
-    const bool took = page.word(1) != 0;
+    bool timedOut = false;
+    while (page.word(1) == 0 && !timedOut)
+        timedOut = page.condition()->waitUntil(page.mutex(), deadline) == ConditionWait::TimedOut;
+    // A waiter that slept until its deadline missed the wake-up, even if a
+    // ticket is there now.
+    const bool took = !timedOut && page.word(1) != 0;
     if (took)
         page.word(1) -= 1;
     pthread_mutex_unlock(page.mutex());

@@ -111,8 +111,10 @@ KORVANE_API bool os_semaphore_wait_timeout(semaphore_handle* handle, struct time
 KORVANE_API void os_semaphore_release(semaphore_handle* handle);
 
 // ---------------------------------------------------------------------------
-// Reader-writer mutex with reader preference. Unlock releases one reader or
-// the writer; it must not be called on a handle whose named creation failed.
+// Reader-writer mutex with reader preference: a reader is admitted whenever
+// no writer holds the lock, even while a writer waits. Unlock releases one
+// reader or the writer; on a handle whose named creation failed every
+// operation returns at once.
 
 KORVANE_API rw_mutex_handle* os_rw_mutex_create(const char* name);
 KORVANE_API void os_rw_mutex_destroy(rw_mutex_handle** handle);

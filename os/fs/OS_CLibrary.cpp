@@ -100,9 +100,20 @@ bool isDigit(unsigned char c) {
 }
 
 // The number at the start of `text`, as existing callers have always read
-// it: strtol's value (LONG_MAX on overflow) cut to 32 bits.
-int32_t numberAt(const char* text) {
-    return static_cast<int32_t>(std::strtol(text, nullptr, 10));
+// it: strtol's value (LONG_MAX on overflow) cut to 32 bits. Runs of up to 18
+// digits cannot overflow a 64-bit long, so they are read here directly, with
+// the same value and errno untouched as strtol would leave them; longer runs
+// go to strtol itself.
+int32_t numberAt(const unsigned char* text) {
+    static_assert(sizeof(long) == 8, "the short-run reading assumes a 64-bit long");
+    constexpr int kDigitsThatCannotOverflow = 18;
+    long value = 0;
+    int length = 0;
+    for (; length < kDigitsThatCannotOverflow && isDigit(text[length]); ++length)
+        value = value * 10 + (text[length] - '0');
+    if (isDigit(text[length]))
+        return static_cast<int32_t>(std::strtol(reinterpret_cast<const char*>(text), nullptr, 10));
+    return static_cast<int32_t>(value);
 }
 
 // True when `a` sorts after `b` in natural order. A null string counts as "".
@@ -130,7 +141,7 @@ bool naturalGreater(const char* a, const char* b) {
     if (isDigit(left)) {
         if (!isDigit(right))
             return false; // digits sort before every other byte
-        return numberAt(a + position) > numberAt(b + position);
+        return numberAt(x + position) > numberAt(y + position);
     }
     if (isDigit(right))
         return true;

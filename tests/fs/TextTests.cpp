@@ -79,8 +79,14 @@ const std::vector<Ordered> kPairs = {
     {"img7a", "img007b", false},
     {"same", "same", false},
     {"\xe9t\xe9", "ete", true}, // bytes compare unsigned
-    {"4294967296", "1", false}, // values are cut to 32 bits: 2^32 reads as 0
-    {"99999999999999999999", "0", false}, // strtol saturates; cut to 32 bits it is -1
+    // Values are strtol's (LONG_MAX on overflow) cut to 32 bits.
+    {"4294967296", "1", false},   // 2^32 reads as 0
+    {"4294967301", "4", true},    // 2^32 + 5 reads as 5
+    {"4294967301", "6", false},
+    {"1000000000000000000", "999999999999999999", true}, // -1486618624 > -1486618625
+    {"999999999999999999", "1000000000000000000", false},
+    {"99999999999999999999", "0", false}, // saturates to LONG_MAX, which reads as -1
+    {"0", "9223372036854775808", true},
     {nullptr, "a", false},
     {"a", nullptr, true},
 };

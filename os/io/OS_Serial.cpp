@@ -113,10 +113,17 @@ void awaitUncancelled(struct aiocb& request) {
         aio_suspend(list, 1, nullptr);
 }
 
+// What became of one asynchronous transfer.
+struct Transfer {
+    bool abandoned; // a 5 ms slice ended before the request did
+    ssize_t result; // aio_return's result otherwise: bytes moved, or -1
+};
+
 // Starts one asynchronous read or write of `length` bytes at `buffer` and
 // waits for it in 5 ms slices. A slice that ends without completion (time-out
-// or signal) cancels the request and gives -1; otherwise aio_return's result.
-ssize_t transferInSlices(int port, int opcode, void* buffer, size_t length) {
+// or signal) abandons the request: it is cancelled, and the caller reports
+// failure. Existing callers expect this tight limit of the port.
+Transfer transferInSlices(int port, int opcode, void* buffer, size_t length) {
     struct aiocb request;
     std::memset(&request, 0, sizeof request);
     request.aio_fildes = port;
@@ -127,18 +134,19 @@ ssize_t transferInSlices(int port, int opcode, void* buffer, size_t length) {
     request.aio_sigevent.sigev_notify = SIGEV_NONE;
     const int started = opcode == LIO_READ ? aio_read(&request) : aio_write(&request);
     if (started != 0)
-        return -1;
+        return Transfer{false, -1};
     const struct aiocb* const list[] = {&request};
     while (aio_error(&request) == EINPROGRESS) {
         if (aio_suspend(list, 1, &kTransferSlice) == -1) {
-            // The tight limit is what existing callers expect of the port.
+            // A request the platform has already begun cannot be recalled;
+            // it must finish before its buffer and control block go away.
             if (aio_cancel(port, &request) == AIO_NOTCANCELED)
                 awaitUncancelled(request);
             aio_return(&request);
-            return -1;
+            return Transfer{true, -1};
         }
     }
-    return aio_return(&request);
+    return Transfer{false, aio_return(&request)};
 }
 
 } // namespace
@@ -217,7 +225,8 @@ int os_serial_write(int port, const void* data, int size) {
     std::unique_ptr<unsigned char[]> copy(new unsigned char[static_cast<size_t>(size) + 1]);
     if (size > 0)
         std::memcpy(copy.get(), data, static_cast<size_t>(size));
-    return static_cast<int>(transferInSlices(port, LIO_WRITE, copy.get(), static_cast<size_t>(size)));
+    const Transfer written = transferInSlices(port, LIO_WRITE, copy.get(), static_cast<size_t>(size));
+    return written.abandoned ? -1 : static_cast<int>(written.result);
 }
 
 namespace {
@@ -234,8 +243,11 @@ public:
 
     int read(unsigned char* out, int milliseconds) {
         while (m_total < m_size) {
-            const ssize_t received =
+            const Transfer transfer =
                 transferInSlices(m_port, LIO_READ, m_transfer.get(), static_cast<size_t>(nextRequestLength()));
+            if (transfer.abandoned)
+                return -1;
+            const ssize_t received = transfer.result;
             if (received < 1) {
                 // Nothing there on the non-blocking port: wait for more, or
                 // give up when the line stays quiet.

@@ -97,11 +97,6 @@ bool makeFolder(const std::string& path) {
                [&] { return os_clibrary_file_mkdir(path.c_str(), kAllPermissions); }) != -1;
 }
 
-void ensureFolder(const std::string& path) {
-    if (!os_folder_exist(path.c_str()))
-        os_folder_create(path.c_str()); // a failure shows when the copy command runs
-}
-
 // Name of the source's last component, taken from the end of `source`.
 // Without a separator before that component only its last character is
 // taken ('photos/' gives 's'); existing callers rely on it, keep it. A source
@@ -121,11 +116,14 @@ bool os_folder_copyinner(const char* source, const char* destination, bool keep_
         return false;
     const std::string from = withTrailingSeparator(source);
     std::string to = withTrailingSeparator(destination);
+    // A destination that cannot be created is not an error here: the copy
+    // command then fails and says so.
     if (!os_folder_exist(to.c_str())) {
-        ensureFolder(to);
+        os_folder_create(to.c_str());
     } else if (into_subfolder) {
         to += lastComponentName(from) + "/";
-        ensureFolder(to);
+        if (!os_folder_exist(to.c_str()))
+            os_folder_create(to.c_str());
     }
     if (keep_existing)
         return runShellCommand(kCopyKeepingFormat, kCopyMargin, from, to);

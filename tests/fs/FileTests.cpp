@@ -295,12 +295,6 @@ TEST(FileCopy, UnopenableEndsGiveFalseAndCloseWhatWasOpened) {
     EXPECT_EQ(fstest::lowestFreeDescriptor(), freeBefore);
 }
 
-TEST(FileCopy, FailedWriteGivesFalse) {
-    kvtest::TempDir dir;
-    writeFile(dir / "source", "abc");
-    EXPECT_FALSE(os_file_copy((dir / "source").c_str(), "/dev/full"));
-}
-
 TEST(FileCopy, ShortWriteGivesFalseAndKeepsThePartialCopy) {
     kvtest::TempDir dir;
     const std::string content = pattern(20000);

@@ -161,16 +161,6 @@ TEST(FolderMove, StripsSeparatorsAndMovesThroughTheShell) {
     EXPECT_FALSE(os_folder_move("missing", "b"));
 }
 
-TEST(FolderMove, WorksAcrossFilesystems) {
-    kvtest::TempDir dir;
-    const std::string elsewhere = "/dev/shm/" + kvtest::uniqueName("folder");
-    makeFolder(dir / "a");
-    writeFile(dir / "a/file", "x");
-    ASSERT_TRUE(os_folder_move((dir / "a").c_str(), elsewhere.c_str()));
-    EXPECT_EQ(readFile(elsewhere + "/file"), "x");
-    EXPECT_TRUE(os_folder_remove(elsewhere.c_str(), true));
-}
-
 // ---------------------------------------------------------------------------
 
 // src/ with a file, a hidden file, and a folder holding a hidden file.

@@ -142,8 +142,40 @@ void showNamedMutex() {
     say("demo", "memory of the mutex %s", access(("/dev/shm/" + name).c_str(), F_OK) == 0 ? "still present" : "removed");
 }
 
+// An event set by one process releases a waiter in another. The waiter's
+// wait has a deadline, so the scene ends even if the set never comes.
+void showNamedEvent() {
+    const std::string name = "korvane_demo_event_" + std::to_string(getpid());
+    std::printf("Named event \"%s\" set by one process, awaited by another\n", name.c_str());
+    const Signal waiterReady;
+    const pid_t waiter = startWorker([&] {
+        event_handle* event = os_event_create(false, false, name.c_str());
+        struct timespec deadline;
+        os_clock_get_time(1, &deadline);
+        deadline.tv_sec += kWorkerTimeoutMs / 1000 / 2;
+        say("worker A", "waiting for the event");
+        waiterReady.raise();
+        if (os_event_wait_timeout(event, deadline))
+            say("worker A", "released by the event");
+        else
+            say("worker A", "gave up waiting");
+        os_event_destroy(&event);
+    });
+    const pid_t setter = startWorker([&] {
+        event_handle* event = os_event_create(false, false, name.c_str());
+        if (!waiterReady.await(kWorkerTimeoutMs))
+            say("worker B", "worker A never started waiting");
+        os_thread_sleep_milliseconds(200);
+        say("worker B", "setting the event");
+        os_event_set_event(event);
+        os_event_destroy(&event);
+    });
+    if (!awaitWorkers({waiter, setter}))
+        say("demo", "a worker did not finish in time and was stopped");
+}
+
 // Scenes that use named objects; each runs with the sync manager up.
-const std::vector<std::function<void()>> kSyncScenes = {showNamedMutex};
+const std::vector<std::function<void()>> kSyncScenes = {showNamedMutex, showNamedEvent};
 
 // The manager's thread creates the channel's request and finish semaphores
 // just after it starts; clients need them.

@@ -64,11 +64,11 @@ mapfile -t executables < <(test_executables)
 echo "arm64 machine: building the initramfs ($(cat "$cache/kernel-version"))"
 root=$work/root
 rm -rf "$root"
-mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,lib,etc/korvane,proc,sys,dev,tmp,root}
+mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,usr/libexec,lib,etc/korvane,proc,sys,dev,tmp,root}
 ln -s lib "$root/lib64"
 ln -s ../lib "$root/usr/lib"
-cp "$cache/busybox" "$root/bin/busybox"
 cp "$helpers/init" "$root/init"
+cp "$cache/busybox" "$root/bin/busybox"
 chmod 755 "$root/init" "$root/bin/busybox"
 
 # The cross toolchain's runtime: the loader, libc, libstdc++, libgcc_s, libm
@@ -78,10 +78,14 @@ for lib in "$sysroot"/lib/*.so*; do
   case "${lib##*/}" in lib[aht]san.*|liblsan.*|libubsan.*) continue ;; esac
   cp -P "$lib" "$root/lib/"
 done
+# Debian's own tools where a Debian system has them, so commands the tests
+# run through the shell behave as they do there (busybox, a multi-call
+# program, does not survive being copied or started under another name).
+cp -a "$cache/userland/." "$root/"
 
 # The build tree's binaries at the same absolute paths as on the host, so the
-# executables' run paths find libKorvane.so and anything they load by path.
-# Debug information is stripped: it only makes the image bigger.
+# executables' run paths find libKorvane.so and the tests find the programs
+# they start. Debug information is stripped: it only makes the image bigger.
 while read -r file; do
   target=$root$file
   mkdir -p "${target%/*}"
@@ -92,6 +96,27 @@ while read -r file; do
   fi
 done < <(find "$build_dir" -path '*/CMakeFiles' -prune -o \
            \( -type f -o -type l \) \( -name '*.so' -o -name '*.so.*' -o -perm -u+x \) -print)
+
+# A cross build starts helper programs through the user-mode emulator it was
+# configured with; here they run natively, through a stand-in at that path.
+emulator=$(sed -n 's/^KORVANE_QEMU_AARCH64:FILEPATH=//p' "$build_dir/CMakeCache.txt" 2>/dev/null)
+if [ -n "$emulator" ] && [ "${emulator#/}" != "$emulator" ]; then
+  mkdir -p "$root${emulator%/*}"
+  install -m 755 "$helpers/emulator-stand-in" "$root$emulator"
+fi
+
+# Every library any program in the image needs must be in it: a missing one
+# would otherwise show up only as a confusing failure inside the machine.
+check_libraries() {
+  local have missing=""
+  have=$(find "$root" \( -type f -o -type l \) -name '*.so*' -printf '%f\n' | sort -u)
+  while read -r needed; do
+    grep -qxF "$needed" <<<"$have" || missing+=" $needed"
+  done < <(find "$root" -type f -perm -u+x -print0 | xargs -0 aarch64-linux-gnu-readelf -d 2>/dev/null |
+             sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u)
+  [ -z "$missing" ] || fail "libraries missing from the machine:$missing"
+}
+check_libraries
 
 printf '%s\n' "${executables[@]}" >"$root/etc/korvane/tests"
 echo "TEST_TIMEOUT=$test_timeout" >"$root/etc/korvane/config"

@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
-# Fetches an arm64 Linux kernel and a static busybox from Debian's arm64
-# packages into a cache folder, once: a second run finds them there and
-# downloads nothing. apt runs with a private sources list, state and cache
+# Fetches, once, what the arm64 test machine is made of, all from Debian's
+# arm64 packages: a kernel, a static busybox for the machine's own chores, and
+# the Debian tools the tests run through the shell (dash as /bin/sh,
+# coreutils, mawk, killall, grep, sed, find) with the libraries they need
+# beyond the cross toolchain's runtime. A second run finds them in the cache
+# and downloads nothing. apt runs with a private sources list, state and cache
 # inside the cache folder, so the host's own apt setup is left as it is.
 # Usage: fetch.sh <cache-dir>
-# Leaves <cache-dir>/vmlinuz and <cache-dir>/busybox.
+# Leaves <cache-dir>/vmlinuz, <cache-dir>/busybox and <cache-dir>/userland/.
 set -euo pipefail
 
 cache=$(realpath -m "$1")
-[ -s "$cache/vmlinuz" ] && [ -x "$cache/busybox" ] && exit 0
+userland_packages=(dash coreutils mawk psmisc grep sed findutils
+                   libacl1 libattr1 libgmp10 libselinux1 libpcre2-8-0 libtinfo6)
+# The stamp names what the cache holds, so a changed package set fetches anew.
+stamp="kernel busybox-static ${userland_packages[*]}"
+[ "$(cat "$cache/complete" 2>/dev/null)" = "$stamp" ] && exit 0
 
-# The same release as the host unless told otherwise; the mirror can be
+# The same release as the host unless told otherwise; the mirrors can be
 # pointed elsewhere for machines behind their own.
 . /etc/os-release
 suite=${KORVANE_ARM64_SUITE:-${VERSION_CODENAME:-bookworm}}
@@ -19,7 +26,8 @@ security=${KORVANE_ARM64_SECURITY_MIRROR:-http://deb.debian.org/debian-security}
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 
 apt_dir=$cache/apt
-mkdir -p "$apt_dir"/lists/partial "$apt_dir"/archives/partial "$apt_dir"/sources.list.d "$cache/debs"
+rm -f "$cache/complete"
+mkdir -p "$apt_dir"/lists/partial "$apt_dir"/archives/partial "$apt_dir"/sources.list.d
 : >"$apt_dir/status"
 cat >"$apt_dir/sources.list" <<SOURCES
 deb [arch=arm64 signed-by=$keyring] $mirror $suite main
@@ -47,23 +55,40 @@ kernel_package=$(apt-cache "${apt_options[@]}" search --names-only \
     '^linux-image-[0-9.]+-[0-9]+-cloud-arm64-unsigned$' | awk '{print $1}' | sort -V | tail -1)
 [ -n "$kernel_package" ] || { echo "arm64 machine: no cloud-arm64 kernel package found" >&2; exit 1; }
 
-echo "arm64 machine: downloading $kernel_package and busybox-static"
-rm -f "$cache"/debs/*.deb
-(cd "$cache/debs" && apt-get -q "${apt_options[@]}" download "$kernel_package" busybox-static)
-
+debs=$cache/debs
 unpacked=$cache/unpacked
-rm -rf "$unpacked"
-mkdir -p "$unpacked"
-for deb in "$cache"/debs/*.deb; do
-  dpkg-deb -x "$deb" "$unpacked"
-done
-kernel=$(find "$unpacked/boot" -name 'vmlinuz-*' | head -1)
-[ -n "$kernel" ] || { echo "arm64 machine: no kernel image in $kernel_package" >&2; exit 1; }
+rm -rf "$debs" "$unpacked" "$cache/userland"
+mkdir -p "$debs" "$unpacked"/{kernel,busybox,userland}
+echo "arm64 machine: downloading $kernel_package, busybox-static and ${userland_packages[*]}"
+(cd "$debs" && apt-get -q "${apt_options[@]}" download \
+    "$kernel_package" busybox-static "${userland_packages[@]}")
 
-cp "$kernel" "$cache/vmlinuz.new"
-cp "$unpacked/bin/busybox" "$cache/busybox.new"
+dpkg-deb -x "$debs"/linux-image-*.deb "$unpacked/kernel"
+dpkg-deb -x "$debs"/busybox-static_*.deb "$unpacked/busybox"
+for deb in "$debs"/*.deb; do
+  case "${deb##*/}" in linux-image-*|busybox-static_*) continue ;; esac
+  dpkg-deb -x "$deb" "$unpacked/userland"
+done
+
+kernel=$(find "$unpacked/kernel/boot" -name 'vmlinuz-*' | head -1)
+[ -n "$kernel" ] || { echo "arm64 machine: no kernel image in $kernel_package" >&2; exit 1; }
+cp "$kernel" "$cache/vmlinuz"
+cp "$unpacked/busybox/bin/busybox" "$cache/busybox"
 echo "$kernel_package ($(basename "$kernel"))" >"$cache/kernel-version"
-rm -rf "$unpacked" "$cache"/debs/*.deb "$apt_dir/archives"/*.deb
-# Renamed last, so an interrupted fetch is never taken for a finished one.
-mv "$cache/busybox.new" "$cache/busybox"
-mv "$cache/vmlinuz.new" "$cache/vmlinuz"
+
+# Only programs and shared libraries are kept: documentation, locales and
+# the packages' own scripts have no use in the machine.
+userland=$cache/userland
+mkdir -p "$userland/lib"
+for dir in bin sbin usr/bin usr/sbin; do
+  [ -d "$unpacked/userland/$dir" ] || continue
+  mkdir -p "$userland/$dir"
+  cp -a "$unpacked/userland/$dir/." "$userland/$dir/"
+done
+find "$unpacked/userland" -path '*/aarch64-linux-gnu/*' -name '*.so*' \
+    \( -type f -o -type l \) -exec cp -P {} "$userland/lib/" \;
+# Made by the packages' maintainer scripts on a real system, not shipped.
+ln -sf mawk "$userland/usr/bin/awk"
+
+rm -rf "$debs" "$unpacked" "$apt_dir/archives"/*.deb
+echo "$stamp" >"$cache/complete"

@@ -21,10 +21,11 @@ grep -o 'KORVANE-RESULT .*' "$console" | awk \
     for (i = 3; i <= NF; i++) { split($i, kv, "="); f[kv[1]] = kv[2] + 0 }
     state = "ok"
     if (f["status"] == 137) state = "killed at the time limit"
+    else if (f["status"] > 128) state = "killed by signal " f["status"] - 128
     else if (f["status"] != 0) state = "exit status " f["status"]
     else if (f["failed"] > 0) state = "failed"
     if (state != "ok" || f["failed"] > 0) bad++
-    printf "%-34s %5d run %5d passed %4d failed %4d skipped  %s\n", $2,
+    printf "%-36s %5d run %5d passed %4d failed %4d skipped  %s\n", $2,
         f["run"], f["passed"], f["failed"], f["skipped"], state
     executables++; run += f["run"]; passed += f["passed"]
     failed += f["failed"]; skipped += f["skipped"]

@@ -29,8 +29,10 @@ KORVANE_API bool os_serial_select(int port, int milliseconds);
 KORVANE_API int os_serial_write(int port, const void* data, int size);
 // Reads one frame of `size` bytes that starts with `header` (null or 0 length:
 // any bytes). Returns size; a shorter count when the line goes quiet for
-// `milliseconds` after part of a frame; 0 when nothing came; -1 on a bad port
-// or when no header appears within the first `size` bytes.
+// `milliseconds` after part of a frame; 0 when nothing came (printing "The
+// frame header may be truncated." when part of a header came); -1 on a bad
+// port, when no header appears within the first `size` bytes, or when one
+// transfer takes longer than 5 ms.
 KORVANE_API int os_serial_read(int port, void* buffer, int size, const void* header, int header_length,
                                int milliseconds);
 

@@ -109,7 +109,8 @@ KORVANE_API int os_clibrary_string_get_formatted_length(const char* format, va_l
 KORVANE_API bool os_clibrary_string_intelligent_greater(const char* a, const char* b);
 KORVANE_API bool os_clibrary_string_intelligent_less(const char* a, const char* b);
 // The OEM code page is UTF-8 here: both copy the text (caller-buffer
-// protocol). A null input counts as "" for oem_from_utf8 only.
+// protocol). A null input counts as "" for oem_from_utf8 only; oem_to_utf8
+// refuses it (false). Both give false for a null size.
 KORVANE_API bool os_utf8helper_oem_from_utf8(const char* text, char* buffer, size_t* size);
 KORVANE_API bool os_utf8helper_oem_to_utf8(const char* text, char* buffer, size_t* size);
 

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "korvane/io.h"
 
@@ -222,7 +223,9 @@ int os_serial_write(int port, const void* data, int size) {
         return -1;
     // The request works on a private copy, so the caller's data may change
     // as soon as the call returns.
-    std::unique_ptr<unsigned char[]> copy(new unsigned char[static_cast<size_t>(size) + 1]);
+    std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[static_cast<size_t>(size) + 1]);
+    if (!copy)
+        return -1;
     if (size > 0)
         std::memcpy(copy.get(), data, static_cast<size_t>(size));
     const Transfer written = transferInSlices(port, LIO_WRITE, copy.get(), static_cast<size_t>(size));
@@ -238,8 +241,10 @@ public:
     FrameReader(int port, int size, const unsigned char* header, int headerLength)
         : m_port(port), m_size(size), m_header(header), m_headerLength(headerLength),
           m_found(headerLength == 0 || header == nullptr),
-          m_accumulated(new unsigned char[2 * static_cast<size_t>(size) + 1]),
-          m_transfer(new unsigned char[static_cast<size_t>(size) + 1]) {}
+          m_accumulated(new (std::nothrow) unsigned char[2 * static_cast<size_t>(size) + 1]),
+          m_transfer(new (std::nothrow) unsigned char[static_cast<size_t>(size) + 1]) {}
+
+    bool usable() const { return m_accumulated && m_transfer; }
 
     int read(unsigned char* out, int milliseconds) {
         while (m_total < m_size) {
@@ -325,5 +330,7 @@ int os_serial_read(int port, void* buffer, int size, const void* header, int hea
     if (size < 0 || header_length < 0 || (buffer == nullptr && size > 0))
         return -1;
     FrameReader reader(port, size, static_cast<const unsigned char*>(header), header_length);
+    if (!reader.usable())
+        return -1;
     return reader.read(static_cast<unsigned char*>(buffer), milliseconds);
 }

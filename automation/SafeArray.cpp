@@ -146,7 +146,7 @@ safearray_handle* safearray_create(TVARTYPE type, uint32_t count) {
 }
 
 void safearray_destroy(safearray_handle** handle) {
-    if (*handle == nullptr)
+    if (handle == nullptr || *handle == nullptr)
         return;
     delete *handle;
     *handle = nullptr;

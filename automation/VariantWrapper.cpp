@@ -77,7 +77,7 @@ variant_wrapper_handle* variant_wrapper_create(void) {
 }
 
 void variant_wrapper_destroy(variant_wrapper_handle** handle) {
-    if (*handle == nullptr)
+    if (handle == nullptr || *handle == nullptr)
         return;
     delete *handle;
     *handle = nullptr;

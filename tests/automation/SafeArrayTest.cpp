@@ -119,6 +119,7 @@ TEST(SafeArrayElements, NullHandleDoesNothing) {
     safearray_handle* none = nullptr;
     safearray_destroy(&none);
     EXPECT_EQ(none, nullptr);
+    safearray_destroy(nullptr);
 }
 
 TEST(SafeArrayResize, GrowsZeroFilledAndShrinksFromTheTail) {

@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 #include <utility>
 
 #include "VariantTestHelpers.h"
@@ -161,6 +163,24 @@ TEST(VariantInterfaceLookup, AnswersToItsOwnNamesAndCountsReferences) {
     EXPECT_EQ(reader->addRef(), 5);
     for (int64_t expected : {4, 3, 2, 1}) // the wrapper's own reference remains
         EXPECT_EQ(reader->releaseRef(), expected);
+}
+
+TEST(VariantInterfaceLookup, ConcurrentReferencesBalanceExactly) {
+    Wrapper wrapper(variant_wrapper_create());
+    Reader reader(variant_wrapper_get_variantread(wrapper.get())); // count 2
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&reader] {
+            for (int i = 0; i < 20000; ++i) {
+                reader->addRef();
+                reader->releaseRef();
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(reader->addRef(), 3) << "a lost update would show here";
+    reader->releaseRef();
 }
 
 TEST(VariantInterfaceLookup, HeldInterfacesOutliveTheWrapperUnbound) {

@@ -52,6 +52,7 @@ TEST(VariantWrapper, NullHandleDoesNothing) {
     variant_wrapper_handle* none = nullptr;
     variant_wrapper_destroy(&none);
     EXPECT_EQ(none, nullptr);
+    variant_wrapper_destroy(nullptr);
 }
 
 TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {

@@ -108,6 +108,14 @@ void SyncManagerTest::SetUp() {
 }
 
 void SyncManagerTest::TearDown() {
+    // A failing test may leave handles open; their System V semaphores are
+    // keyed by memory files that only exist until the manager stops.
+    for (const std::string& leftover : m_names) {
+        const key_t key = memoryFileKey(leftover);
+        const int id = key == -1 ? -1 : semget(key, 1, 0);
+        if (id != -1)
+            semctl(id, 0, IPC_RMID);
+    }
     if (m_running)
         os_sync_environment_uninitialize();
     for (const std::string& leftover : m_names)

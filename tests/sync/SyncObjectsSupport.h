@@ -63,7 +63,8 @@ private:
 };
 
 // Runs the sync manager in the test process for each test, and removes
-// afterwards what a failing test left under the names it took from name().
+// afterwards what a failing test left under the names it took from name():
+// object memories and System V semaphores.
 class SyncManagerTest : public ::testing::Test {
 protected:
     void SetUp() override;

@@ -29,8 +29,9 @@ esac
 build_dir=$(realpath -m "${KORVANE_ARM64_BUILD_DIR:-build/aarch64}")
 time_limit=${KORVANE_ARM64_TIME_LIMIT:-420}
 test_timeout=${KORVANE_ARM64_TEST_TIMEOUT:-240}
-# A v8.0 core without the v8.4 relaxations: an unaligned atomic or exclusive
-# access faults here as it does on much of the deployed hardware.
+# An Armv8.0 core without the LSE atomics: the library's atomics take the
+# load/store-exclusive path of the many cores like it (qemu-aarch64's default
+# processor has LSE), and a misaligned atomic faults.
 cpu=${KORVANE_ARM64_CPU:-cortex-a57}
 cache=build/arm64vm-cache
 work=build/arm64vm-run

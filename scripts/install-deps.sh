@@ -26,6 +26,8 @@ case "$job" in
   vm)
     need_command qemu-system-aarch64 qemu-system-arm
     need_command cpio cpio
+    # The arm64 machine's kernel and tools come from Debian's archive.
+    need_path /usr/share/keyrings/debian-archive-keyring.gpg debian-archive-keyring
     ;;
   bench)
     need_path /usr/include/benchmark/benchmark.h libbenchmark-dev

@@ -51,12 +51,6 @@ const EventLayout& layoutFor(bool systemV, bool useCondition) {
     return useCondition ? kConditionLayout : kSemaphoreLayout;
 }
 
-const EventLayout& layoutOfSize(uint32_t requestSize) {
-    if (requestSize == kSystemVLayout.requestSize)
-        return kSystemVLayout;
-    return requestSize == kConditionLayout.requestSize ? kConditionLayout : kSemaphoreLayout;
-}
-
 // Whole milliseconds left until the monotonic deadline, truncated.
 int64_t millisecondsUntil(const timespec& deadline) {
     timespec now{};
@@ -110,20 +104,20 @@ void event_handle::createPrivate(bool manualReset, bool initialState) {
 
 void event_handle::createNamed(bool manualReset, bool initialState, const char* name, bool systemV,
                                bool useCondition) {
-    const uint32_t requestSize = layoutFor(systemV, useCondition).requestSize;
+    const EventLayout& layout = layoutFor(systemV, useCondition);
     const bool opened = korvane::sync::createOrOpenNamedObject(
-        m_named, name, requestSize, kOwner, [&](uint8_t* object, key_t key) {
-            pointIntoMemory(object - korvane::sync::kOpenCountSize, requestSize);
+        m_named, name, layout.requestSize, kOwner, [&](uint8_t* object, key_t key) {
+            pointIntoMemory(object - korvane::sync::kOpenCountSize, layout.flagsOffset);
             initialiseInPlace(manualReset, initialState, systemV, useCondition, key);
         });
     // A later opener finds the object as the first one built it; its own
     // reset mode and initial state are ignored.
     if (opened)
-        pointIntoMemory(m_named.object() - korvane::sync::kOpenCountSize, requestSize);
+        pointIntoMemory(m_named.object() - korvane::sync::kOpenCountSize, layout.flagsOffset);
 }
 
-void event_handle::pointIntoMemory(uint8_t* memory, uint32_t requestSize) {
-    uint8_t* flags = memory + layoutOfSize(requestSize).flagsOffset;
+void event_handle::pointIntoMemory(uint8_t* memory, size_t flagsOffset) {
+    uint8_t* flags = memory + flagsOffset;
     m_mutex = reinterpret_cast<pthread_mutex_t*>(memory + kMutexOffset);
     m_wakeUp = memory + kWakeUpOffset;
     m_manualReset = flags;

@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 
@@ -73,7 +74,7 @@ private:
 
     void createPrivate(bool manualReset, bool initialState);
     void createNamed(bool manualReset, bool initialState, const char* name, bool systemV, bool useCondition);
-    void pointIntoMemory(uint8_t* memory, uint32_t requestSize);
+    void pointIntoMemory(uint8_t* memory, size_t flagsOffset);
     void initialiseInPlace(bool manualReset, bool initialState, bool systemV, bool useCondition, key_t key);
     void destroyInPlace();
     bool usable() const;

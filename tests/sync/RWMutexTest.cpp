@@ -135,7 +135,9 @@ TEST_F(NamedRWMutex, ObjectMemoryHasItsLayoutAndGoesWithTheLastHandle) {
 }
 
 // The first reader is this process; a second process reads too, a third
-// wants to write and must wait for both.
+// wants to write and must wait for both. This process, which took the hold
+// mutex as first reader, unlocks last: a robust hold mutex refuses an unlock
+// by any other thread and would then stay with its first owner.
 TEST_F(NamedRWMutex, WriterInAnotherProcessWaitsForReadersInTwoProcesses) {
     const std::string shared = name("rw");
     rw_mutex_handle* lock = os_rw_mutex_create(shared.c_str());

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Runs the cross-built test suite on a real arm64 Linux kernel: a Debian arm64
 # kernel boots in qemu-system-aarch64's virt machine with a small initramfs
-# holding busybox, the cross toolchain's runtime libraries, libKorvane.so and
-# every test executable of the aarch64 build, runs them all (the OwnerDeath
-# tests included: this kernel reports a dead robust-mutex owner, which the
-# user-mode emulator cannot) and powers off. The console output becomes the
-# result: failure when a test fails, when no test ran or when the machine does
-# not finish within its time limit.
+# holding the cross toolchain's runtime libraries, Debian's shell tools,
+# libKorvane.so and every test executable of the aarch64 build, runs them all
+# (the OwnerDeath tests included: this kernel reports a dead robust-mutex
+# owner, which the user-mode emulator cannot) and powers off. The console
+# output becomes the result: failure when a test fails, when no test ran or
+# when the machine does not finish within its time limit.
 #
 # Usage: scripts/arm64-machine.sh [--build]
 #   --build  configure and build the aarch64 preset first; without it the
@@ -39,6 +39,9 @@ sysroot=/usr/aarch64-linux-gnu
 helpers=scripts/arm64-machine
 
 fail() { echo "arm64 machine: FAILED: $*"; exit 1; }
+# Whatever stops the preparation (a download, a missing tool) still ends in a
+# verdict line, which scripts/test.sh reports.
+trap 'echo "arm64 machine: FAILED: preparing the machine (line $LINENO of $0)"' ERR
 
 scripts/install-deps.sh vm
 if [ "$build_first" -eq 1 ]; then
@@ -142,4 +145,5 @@ machine_status=${PIPESTATUS[0]}
 set -e
 elapsed=$((SECONDS - started))
 
+trap - ERR
 "$helpers/summary.sh" "$console" "${#executables[@]}" "$machine_status" "$time_limit" "$elapsed"

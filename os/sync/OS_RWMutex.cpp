@@ -147,8 +147,8 @@ void rw_mutex_handle::releaseAndWake() {
         pthread_cond_broadcast(m_condition);
     // When the last reader is not the one that took the hold mutex, a robust
     // (named) hold mutex refuses this unlock and stays with its first owner.
-    // The result is ignored on purpose: existing callers rely on exclusion
-    // resting on the count, the flag and the condition alone.
+    // The result is ignored on purpose: exclusion rests on the count, the
+    // flag and the condition alone (see takeHoldMutex).
     unlockMutex(m_hold);
     unlockMutex(m_gate);
 }
@@ -163,7 +163,7 @@ void rw_mutex_handle::lockRdOnPosix() {
         waitForRelease();
     *m_readers += 1;
     if (*m_readers == 1)
-        lockMutex(m_hold);
+        takeHoldMutex();
     unlockMutex(m_gate);
 }
 
@@ -174,7 +174,7 @@ void rw_mutex_handle::lockWrOnPosix() {
     while (*m_readers != 0 || *m_writer != 0)
         waitForRelease();
     *m_writer = 1;
-    lockMutex(m_hold);
+    takeHoldMutex();
     unlockMutex(m_gate);
 }
 
@@ -194,6 +194,23 @@ void rw_mutex_handle::unlockOnPosix() {
         return;
     }
     unlockMutex(m_gate);
+}
+
+// Takes the hold mutex without waiting for it. The count and the flag say the
+// lock is free here, so the only possible holder is an earlier first reader
+// whose release was refused: a robust (named) mutex accepts an unlock only
+// from its owner, and the last reader out need not be the first one in. A
+// blocking lock would wait for that reader for ever while holding the gate,
+// and every process sharing the lock would stop. A hold left by a process
+// that died is repaired and taken.
+void rw_mutex_handle::takeHoldMutex() {
+    const int result = pthread_mutex_trylock(m_hold);
+    if (result == EOWNERDEAD) {
+        if (pthread_mutex_consistent(m_hold) != 0)
+            std::puts("mutex lock fixed failed!");
+    } else if (result != 0 && result != EBUSY) {
+        printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
+    }
 }
 
 bool rw_mutex_handle::lockMutex(pthread_mutex_t* mutex) {

@@ -167,6 +167,7 @@ private:
     void destroyInPlace();
     void waitForRelease();
     void releaseAndWake();
+    void takeHoldMutex();
 
     uint32_t* m_readers = nullptr;
     uint32_t* m_writer = nullptr;

@@ -135,9 +135,7 @@ TEST_F(NamedRWMutex, ObjectMemoryHasItsLayoutAndGoesWithTheLastHandle) {
 }
 
 // The first reader is this process; a second process reads too, a third
-// wants to write and must wait for both. This process, which took the hold
-// mutex as first reader, unlocks last: a robust hold mutex refuses an unlock
-// by any other thread and would then stay with its first owner.
+// wants to write and must wait for both.
 TEST_F(NamedRWMutex, WriterInAnotherProcessWaitsForReadersInTwoProcesses) {
     const std::string shared = name("rw");
     rw_mutex_handle* lock = os_rw_mutex_create(shared.c_str());
@@ -169,6 +167,42 @@ TEST_F(NamedRWMutex, WriterInAnotherProcessWaitsForReadersInTwoProcesses) {
     EXPECT_TRUE(writerIn.waitFor());
     const kvtest::ChildResult result = writer.wait();
     EXPECT_TRUE(result.exited && result.exitCode == 0);
+    os_rw_mutex_destroy(&lock);
+}
+
+// The first reader leaves before the last one. The last reader's release of
+// the hold mutex is refused (it is not its owner), and the lock must still be
+// usable by a writer elsewhere.
+TEST_F(NamedRWMutex, StaysUsableWhenTheLastReaderIsNotTheFirst) {
+    const std::string shared = name("rw");
+    rw_mutex_handle* lock = os_rw_mutex_create(shared.c_str());
+    os_rw_mutex_lock_rd(lock);
+    kvtest::Signal readerIn, readerGo;
+    kvtest::Child lastReader([&] {
+        rw_mutex_handle* other = os_rw_mutex_create(shared.c_str());
+        os_rw_mutex_lock_rd(other);
+        readerIn.notify();
+        const bool told = readerGo.waitFor();
+        os_rw_mutex_unlock(other);
+        os_rw_mutex_destroy(&other);
+        return told ? 0 : 1;
+    });
+    ASSERT_TRUE(readerIn.waitFor());
+    os_rw_mutex_unlock(lock); // the first reader leaves first
+    readerGo.notify();
+    EXPECT_EQ(lastReader.wait().exitCode, 0);
+
+    const kvtest::ChildResult writer = kvtest::runInChild(
+        [&] {
+            rw_mutex_handle* other = os_rw_mutex_create(shared.c_str());
+            os_rw_mutex_lock_wr(other);
+            os_rw_mutex_unlock(other);
+            os_rw_mutex_destroy(&other);
+            return 0;
+        },
+        5s);
+    EXPECT_FALSE(writer.timedOut) << "a writer must get the lock once every reader has left";
+    EXPECT_TRUE(writer.exited && writer.exitCode == 0);
     os_rw_mutex_destroy(&lock);
 }
 

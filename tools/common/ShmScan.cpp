@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "korvane/sync.h"
+
 namespace korvane_tools {
 namespace {
 
@@ -106,11 +108,19 @@ std::vector<NamedObjectMemory> scanNamedObjects(const std::string& directory) {
         objects.push_back({name, kind, static_cast<uint64_t>(status.st_size), readOpenCount(path), {}});
     }
     closedir(dir);
+    // The manager maps every memory it creates; it is no holder of the
+    // objects. It is the process that keeps the channel memory mapped.
     const auto holders = mappingProcesses(directory);
+    const auto channel = holders.find(KORVANE_SYNC_CHANNEL_MEMORY);
+    const std::vector<pid_t> managers = channel == holders.end() ? std::vector<pid_t>() : channel->second;
     for (NamedObjectMemory& object : objects) {
         const auto found = holders.find(object.name);
-        if (found != holders.end())
-            object.holders = found->second;
+        if (found == holders.end())
+            continue;
+        for (pid_t pid : found->second) {
+            if (std::find(managers.begin(), managers.end(), pid) == managers.end())
+                object.holders.push_back(pid);
+        }
     }
     std::sort(objects.begin(), objects.end(),
               [](const NamedObjectMemory& a, const NamedObjectMemory& b) { return a.name < b.name; });

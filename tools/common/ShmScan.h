@@ -18,7 +18,7 @@ struct NamedObjectMemory {
     const char* kind;        // "mutex", "event", "semaphore", "rw mutex", ...
     uint64_t size;           // bytes
     uint32_t openCount;      // handles open on it in all processes
-    std::vector<pid_t> holders; // processes that map it now
+    std::vector<pid_t> holders; // processes that map it now, the sync manager aside
 };
 
 // The kind of named object whose memory has `size` bytes, or null.

@@ -16,6 +16,10 @@
 #   KORVANE_ARM64_TIME_LIMIT    seconds the whole machine may run (420)
 #   KORVANE_ARM64_TEST_TIMEOUT  seconds one test executable may run (240)
 #   KORVANE_ARM64_CPU           emulated processor (cortex-a57)
+#   KORVANE_ARM64_ONLY          run only the executables whose names match this
+#                               extended regular expression
+#   GTEST_FILTER, GTEST_REPEAT  passed on to the executables in the machine, to
+#                               chase one test there
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -59,7 +63,7 @@ test_executables() {
     done
 }
 
-mapfile -t executables < <(test_executables)
+mapfile -t executables < <(test_executables | grep -E "/[^/]*(${KORVANE_ARM64_ONLY:-.})[^/]*$")
 [ ${#executables[@]} -gt 0 ] ||
   fail "no test executables under $build_dir/tests (build them with: cmake --preset aarch64 && cmake --build --preset aarch64)"
 
@@ -123,7 +127,13 @@ check_libraries() {
 check_libraries
 
 printf '%s\n' "${executables[@]}" >"$root/etc/korvane/tests"
-echo "TEST_TIMEOUT=$test_timeout" >"$root/etc/korvane/config"
+quote() { printf "'%s'" "${1//\'/\'\\\'\'}"; }
+{
+  echo "TEST_TIMEOUT=$test_timeout"
+  for name in GTEST_FILTER GTEST_REPEAT; do
+    [ -n "${!name:-}" ] && echo "export $name=$(quote "${!name}")"
+  done
+} >"$root/etc/korvane/config"
 echo 'root:x:0:0:root:/root:/bin/sh' >"$root/etc/passwd"
 printf 'root:x:0:\ntty:x:5:\n' >"$root/etc/group"
 echo '127.0.0.1 localhost' >"$root/etc/hosts"

@@ -21,7 +21,7 @@ std::vector<std::string> launcher() {
     std::vector<std::string> words;
     std::stringstream list(KORVANE_TOOL_LAUNCHER);
     std::string word;
-    while (std::getline(list, word, ';')) {
+    while (std::getline(list, word, ',')) {
         if (!word.empty())
             words.push_back(word);
     }

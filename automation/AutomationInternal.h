@@ -32,6 +32,21 @@ bstrunit* unitFromString(const char* text);
 // Frees a unit (array delete of its block); null is ignored.
 inline void freeUnit(bstrunit* unit) { bstrunit_free(unit); }
 
+// A variant the library itself owns for the length of one call: initialised
+// when made, cleared (its string freed) when gone.
+class ScopedVariant {
+public:
+    ScopedVariant() { variant_init(&m_value); }
+    ~ScopedVariant() { variant_clear(&m_value); }
+    ScopedVariant(const ScopedVariant&) = delete;
+    ScopedVariant& operator=(const ScopedVariant&) = delete;
+
+    tagTVARIANT* get() { return &m_value; }
+
+private:
+    tagTVARIANT m_value;
+};
+
 } // namespace korvane
 
 #endif

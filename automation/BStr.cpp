@@ -4,6 +4,7 @@
 #include <new>
 
 #include "automation/AutomationInternal.h"
+#include "common/HandleFrame.h"
 
 namespace korvane {
 
@@ -55,10 +56,7 @@ bstr_handle* bstr_create(void) {
 }
 
 void bstr_destroy(bstr_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void bstr_clear(bstr_handle* handle) {

@@ -8,6 +8,7 @@
 #include "automation/AutomationInternal.h"
 #include "automation/SafeArrayInternal.h"
 #include "automation/ScalarTypes.h"
+#include "common/HandleFrame.h"
 
 namespace {
 
@@ -146,10 +147,7 @@ safearray_handle* safearray_create(TVARTYPE type, uint32_t count) {
 }
 
 void safearray_destroy(safearray_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void safearray_clear(safearray_handle* handle) {

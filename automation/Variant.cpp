@@ -9,20 +9,6 @@ namespace {
 
 using korvane::Scalar;
 
-// A variant the code itself owns for the length of one call; its string, if
-// it ends up holding one, is freed on the way out.
-class TemporaryVariant {
-public:
-    TemporaryVariant() { variant_init(&m_value); }
-    ~TemporaryVariant() { variant_clear(&m_value); }
-    TemporaryVariant(const TemporaryVariant&) = delete;
-    TemporaryVariant& operator=(const TemporaryVariant&) = delete;
-    tagTVARIANT* get() { return &m_value; }
-
-private:
-    tagTVARIANT m_value;
-};
-
 // The flag rule every setter shares. With keep, v takes the value with its
 // own type. Without it, the value is set into a temporary with its own type,
 // converted to the tag v holds and copied back. v is cleared before its tag
@@ -38,7 +24,7 @@ void setThroughFlag(tagTVARIANT* v, bool keep, SetOwnType setOwnType) {
         setOwnType(v);
         return;
     }
-    TemporaryVariant temporary;
+    korvane::ScopedVariant temporary;
     setOwnType(temporary.get());
     variant_change_type(temporary.get(), v->vt);
     variant_set_variant(v, temporary.get());

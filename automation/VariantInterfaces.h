@@ -3,6 +3,7 @@
 #ifndef KORVANE_VARIANT_INTERFACES_H
 #define KORVANE_VARIANT_INTERFACES_H
 
+#include "automation/AutomationInternal.h"
 #include "korvane/automation.h"
 #include "korvane/interfaces.h"
 #include "korvane/types.h"
@@ -13,24 +14,6 @@
 // undefined behaviour, so the library handles it as a byte throughout and the
 // exported symbol is this function (see VariantResolve.cpp).
 extern "C" unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
-
-namespace korvane {
-
-// A private variant: initialised when made, cleared (string freed) when gone.
-class ScopedVariant {
-public:
-    ScopedVariant() { variant_init(&m_value); }
-    ~ScopedVariant() { variant_clear(&m_value); }
-    ScopedVariant(const ScopedVariant&) = delete;
-    ScopedVariant& operator=(const ScopedVariant&) = delete;
-
-    tagTVARIANT* get() { return &m_value; }
-
-private:
-    tagTVARIANT m_value;
-};
-
-} // namespace korvane
 
 // Reads the variant it is pointed at; borrows it, never frees it. Objects
 // are made with a count of 1 and die through releaseRef.

@@ -5,6 +5,7 @@
 
 #include "automation/VariantInterfaces.h"
 #include "korvane/automation.h"
+#include "common/HandleFrame.h"
 
 class variant_wrapper_handle {
 public:
@@ -77,10 +78,7 @@ variant_wrapper_handle* variant_wrapper_create(void) {
 }
 
 void variant_wrapper_destroy(variant_wrapper_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void variant_wrapper_set_mode(variant_wrapper_handle* handle, bool readable, bool writable) {

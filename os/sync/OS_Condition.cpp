@@ -3,6 +3,7 @@
 
 #include "korvane/sync.h"
 #include "os/sync/SyncObjects.h"
+#include "common/HandleFrame.h"
 
 static_assert(offsetof(condition_handle, mutex) == 0, "the mutex leads the condition handle");
 
@@ -58,10 +59,7 @@ condition_handle* os_condition_create(void) {
 }
 
 void os_condition_destroy(condition_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void os_condition_lock(condition_handle* handle) {

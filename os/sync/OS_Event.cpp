@@ -14,6 +14,7 @@
 #include "korvane/system.h"
 #include "os/sync/SyncObjects.h"
 #include "os/sync/SysVSemaphore.h"
+#include "common/HandleFrame.h"
 
 using korvane::sync::ConditionWait;
 using korvane::sync::SharedCondition;
@@ -356,10 +357,7 @@ event_handle* os_event_create(bool manual_reset, bool initial_state, const char*
 }
 
 void os_event_destroy(event_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void os_event_set_event(event_handle* handle) {

@@ -9,6 +9,7 @@
 
 #include "korvane/sync.h"
 #include "os/sync/SyncInternal.h"
+#include "common/HandleFrame.h"
 
 using namespace korvane::sync;
 
@@ -82,24 +83,12 @@ public:
     explicit recursive_mutex_handle(const char* name) : MutexHandle(name, PTHREAD_MUTEX_RECURSIVE) {}
 };
 
-namespace {
-
-template <class Handle>
-void destroyHandle(Handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
-}
-
-} // namespace
-
 mutex_handle* os_mutex_create(const char* name) {
     return new mutex_handle(name);
 }
 
 void os_mutex_destroy(mutex_handle** handle) {
-    destroyHandle(handle);
+    korvane::destroyHandle(handle);
 }
 
 void os_mutex_lock(mutex_handle* handle) {
@@ -117,7 +106,7 @@ recursive_mutex_handle* os_recursive_mutex_create(const char* name) {
 }
 
 void os_recursive_mutex_destroy(recursive_mutex_handle** handle) {
-    destroyHandle(handle);
+    korvane::destroyHandle(handle);
 }
 
 void os_recursive_mutex_lock(recursive_mutex_handle* handle) {

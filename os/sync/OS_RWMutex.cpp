@@ -16,6 +16,7 @@
 
 #include "korvane/sync.h"
 #include "os/sync/SyncObjects.h"
+#include "common/HandleFrame.h"
 
 using korvane::sync::SharedCondition;
 
@@ -235,10 +236,7 @@ rw_mutex_handle* os_rw_mutex_create(const char* name) {
 }
 
 void os_rw_mutex_destroy(rw_mutex_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 void os_rw_mutex_lock_rd(rw_mutex_handle* handle) {

@@ -14,6 +14,7 @@
 #include "korvane/system.h"
 #include "os/sync/SyncObjects.h"
 #include "os/sync/SysVSemaphore.h"
+#include "common/HandleFrame.h"
 
 using korvane::sync::SharedSemaphore;
 namespace sysv = korvane::sync::sysv;
@@ -163,10 +164,7 @@ semaphore_handle* os_semaphore_create(int initial_count, const char* name) {
 }
 
 void os_semaphore_destroy(semaphore_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle;
-    *handle = nullptr;
+    korvane::destroyHandle(handle);
 }
 
 bool os_semaphore_set_undo_track(semaphore_handle* handle, bool undo) {

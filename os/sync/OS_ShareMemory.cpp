@@ -11,6 +11,7 @@
 #include <string>
 
 #include "korvane/sync.h"
+#include "common/HandleFrame.h"
 
 class sharememory_handle {
 public:
@@ -165,8 +166,5 @@ void os_sharememory_close(sharememory_handle* handle, bool unlink) {
 }
 
 void os_sharememory_destroy(sharememory_handle** handle) {
-    if (handle == nullptr || *handle == nullptr)
-        return;
-    delete *handle; // unmaps; never removes the name
-    *handle = nullptr;
+    korvane::destroyHandle(handle); // unmaps; never removes the name
 }

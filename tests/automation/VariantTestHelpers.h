@@ -7,24 +7,14 @@
 #include <memory>
 #include <string>
 
+#include "VariantTestUtil.h"
 #include "korvane/automation.h"
 #include "korvane/interfaces.h"
 
 namespace arraystest {
 
 // A test's own variant: initialised when made, cleared when gone.
-class Variant {
-public:
-    Variant() { variant_init(&m_value); }
-    ~Variant() { variant_clear(&m_value); }
-    Variant(const Variant&) = delete;
-    Variant& operator=(const Variant&) = delete;
-    tagTVARIANT* get() { return &m_value; }
-    tagTVARIANT* operator->() { return &m_value; }
-
-private:
-    tagTVARIANT m_value;
-};
+using Variant = kvtest::ScopedVariant;
 
 // A record built by hand: any tag with any 64-bit value.
 inline void setRaw(tagTVARIANT* v, TVARTYPE tag, uint64_t bits) {

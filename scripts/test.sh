@@ -2,9 +2,9 @@
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
 # UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64
 # and again on a real arm64 kernel in an emulated machine; then installation
-# into a temporary prefix with two out-of-tree consumers, and the Debian
-# packages of both architectures. Every step runs even when an earlier one
-# failed; the exit status is non-zero when any failed.
+# into a temporary prefix with two out-of-tree consumers, the Debian packages
+# of both architectures, and a build of the benchmarks. Every step runs even
+# when an earlier one failed; the exit status is non-zero when any failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test || exit 1
@@ -67,6 +67,8 @@ run_tests sanitize
 run_tests aarch64
 run_arm64_machine
 run_check packages bash -c 'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'
+# The benchmarks are built (not run) so they cannot rot unnoticed.
+run_check bench bash -c 'cmake --preset bench >/dev/null && cmake --build --preset bench'
 
 echo
 echo "=== summary"

@@ -94,6 +94,8 @@ void applyRawMode(struct termios& settings) {
 void applyCustomDivisor(int port, int baud) {
     struct serial_struct serial;
     std::memset(&serial, 0, sizeof serial);
+    // A zero rate has no divisor: the driver is left as it is rather than
+    // divided by zero.
     if (baud == 0 || ioctl(port, TIOCGSERIAL, &serial) != 0)
         return;
     if (serial.baud_base > baud) {
@@ -106,12 +108,16 @@ void applyCustomDivisor(int port, int baud) {
 // Each asynchronous transfer gets one 5 ms slice to complete.
 constexpr struct timespec kTransferSlice = {0, 5000000};
 
-// Waits, without a time limit, for a request that could not be cancelled:
-// its buffer and control block must outlive it.
-void awaitUncancelled(struct aiocb& request) {
+// Cancels a request and waits, without a time limit, for one the cancel did
+// not stop (already begun, or the cancel itself failed): its buffer and
+// control block must outlive it. A cancelled request no longer reads as in
+// progress, so it ends the wait at once.
+void cancelAndAwait(int port, struct aiocb& request) {
+    aio_cancel(port, &request);
     const struct aiocb* const list[] = {&request};
     while (aio_error(&request) == EINPROGRESS)
         aio_suspend(list, 1, nullptr);
+    aio_return(&request);
 }
 
 // What became of one asynchronous transfer.
@@ -139,11 +145,7 @@ Transfer transferInSlices(int port, int opcode, void* buffer, size_t length) {
     const struct aiocb* const list[] = {&request};
     while (aio_error(&request) == EINPROGRESS) {
         if (aio_suspend(list, 1, &kTransferSlice) == -1) {
-            // A request the platform has already begun cannot be recalled;
-            // it must finish before its buffer and control block go away.
-            if (aio_cancel(port, &request) == AIO_NOTCANCELED)
-                awaitUncancelled(request);
-            aio_return(&request);
+            cancelAndAwait(port, request);
             return Transfer{true, -1};
         }
     }

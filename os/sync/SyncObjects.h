@@ -2,7 +2,9 @@
 // handles. The exported functions in OS_Condition.cpp, OS_Event.cpp,
 // OS_Semaphore.cpp and OS_RWMutex.cpp are thin wrappers over these; the
 // constructors also reach the event's and semaphore's non-default wake-up
-// mechanisms, which no exported function selects.
+// mechanisms, which no exported function selects. Like every handle class
+// (the condition aside, see below) they are destroyed through a virtual
+// destructor.
 #ifndef KORVANE_SYNC_OBJECTS_H
 #define KORVANE_SYNC_OBJECTS_H
 
@@ -19,6 +21,9 @@
 #include "os/sync/SyncInternal.h"
 
 // A private condition variable with its own mutex, on the monotonic clock.
+// Unlike the other handle classes it has no virtual destructor: a virtual
+// table would come before the mutex, and existing callers use the handle's
+// address as the mutex's address.
 class condition_handle {
 public:
     condition_handle();
@@ -47,7 +52,7 @@ public:
 class event_handle {
 public:
     event_handle(bool manual_reset, bool initial_state, const char* name, bool systemV, bool use_condition);
-    ~event_handle();
+    virtual ~event_handle();
     event_handle(const event_handle&) = delete;
     event_handle& operator=(const event_handle&) = delete;
 
@@ -107,7 +112,7 @@ private:
 class semaphore_handle {
 public:
     semaphore_handle(int value, const char* name, bool systemV);
-    ~semaphore_handle();
+    virtual ~semaphore_handle();
     semaphore_handle(const semaphore_handle&) = delete;
     semaphore_handle& operator=(const semaphore_handle&) = delete;
 
@@ -144,7 +149,7 @@ private:
 class rw_mutex_handle {
 public:
     explicit rw_mutex_handle(const char* name);
-    ~rw_mutex_handle();
+    virtual ~rw_mutex_handle();
     rw_mutex_handle(const rw_mutex_handle&) = delete;
     rw_mutex_handle& operator=(const rw_mutex_handle&) = delete;
 

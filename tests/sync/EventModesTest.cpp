@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "SyncObjectsSupport.h"
@@ -142,6 +143,12 @@ TEST_P(EventModes, AutomaticResetReleasesOneBlockedWaiterPerSet) {
     for (auto& child : children)
         EXPECT_EQ(child->wait().exitCode, 0);
     EXPECT_FALSE(event->waitUntil(kvtest::pastDeadline()));
+}
+
+TEST(HandleClasses, AreDestroyedThroughAVirtualDestructor) {
+    EXPECT_TRUE(std::has_virtual_destructor<event_handle>::value);
+    EXPECT_TRUE(std::has_virtual_destructor<semaphore_handle>::value);
+    EXPECT_TRUE(std::has_virtual_destructor<rw_mutex_handle>::value);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, EventModes, ::testing::ValuesIn(kModes),

@@ -51,9 +51,14 @@ inline bool isValidDeadline(const timespec& deadline) {
 
 // Sleeps while *word holds `expected`, until woken or until the absolute
 // `deadline` (null: none) on `clock` has passed. Returns 0 when woken or when
-// the word no longer held `expected`, ETIMEDOUT, EINTR (a signal arrived) or
-// EINVAL (a deadline out of range).
+// the word no longer held `expected`, ETIMEDOUT (also at once for a deadline
+// with negative seconds), EINTR (a signal arrived) or EINVAL (nanoseconds out
+// of range).
 inline int wait(uint32_t* word, uint32_t expected, const timespec* deadline, Clock clock) {
+    // The kernel refuses a deadline with negative seconds; glibc's timed
+    // waits take it as passed, and callers expect the same here.
+    if (deadline != nullptr && deadline->tv_sec < 0)
+        return ETIMEDOUT;
     // FUTEX_WAIT_BITSET takes an absolute deadline, on the monotonic clock
     // unless FUTEX_CLOCK_REALTIME says otherwise.
     const int operation = FUTEX_WAIT_BITSET | (clock == Clock::Realtime ? FUTEX_CLOCK_REALTIME : 0);

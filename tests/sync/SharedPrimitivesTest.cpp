@@ -107,6 +107,7 @@ TEST(SharedSemaphore, DeadlinesArePassedAtOnceOrRefusedWhenMalformed) {
     EXPECT_EQ(semaphore->waitUntil(malformed), EINVAL);
     EXPECT_EQ(semaphore->value(), 1u) << "a malformed deadline takes nothing";
     EXPECT_EQ(semaphore->waitUntil(realtimeDeadline(-5ms)), 0) << "a free unit is taken even past the deadline";
+    EXPECT_EQ(semaphore->waitUntil(timespec{-1, 0}), ETIMEDOUT) << "negative seconds are a passed deadline";
 }
 
 void ignoreSignal(int) {}
@@ -182,6 +183,7 @@ TEST(SharedCondition, PassedDeadlineTimesOutWithTheMutexHeld) {
     SharedPage page;
     ASSERT_EQ(pthread_mutex_lock(page.mutex()), 0);
     EXPECT_EQ(page.condition()->waitUntil(page.mutex(), kvtest::pastDeadline()), ConditionWait::TimedOut);
+    EXPECT_EQ(page.condition()->waitUntil(page.mutex(), timespec{-1, 0}), ConditionWait::TimedOut);
     // A robust mutex refuses an unlock by anyone but its owner.
     EXPECT_EQ(pthread_mutex_unlock(page.mutex()), 0);
 }

@@ -89,12 +89,8 @@ event_handle::~event_handle() {
 void event_handle::createPrivate(bool manualReset, bool initialState) {
     m_mutex = new pthread_mutex_t;
     korvane::sync::initialiseMutex(m_mutex, PTHREAD_MUTEX_NORMAL, false);
-    pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
     m_condition = new pthread_cond_t;
-    pthread_cond_init(m_condition, &attributes);
-    pthread_condattr_destroy(&attributes);
+    korvane::sync::initialiseMonotonicCondition(m_condition);
     // An unnamed event always wakes through its condition.
     uint8_t* flags = new uint8_t[kFlagCount]{manualReset, initialState, 0, 1};
     m_manualReset = flags;

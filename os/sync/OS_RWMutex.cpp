@@ -62,12 +62,8 @@ bool rw_mutex_handle::createThreadRWMutexOnPosix() {
     m_hold = new pthread_mutex_t;
     korvane::sync::initialiseMutex(m_gate, PTHREAD_MUTEX_NORMAL, false);
     korvane::sync::initialiseMutex(m_hold, PTHREAD_MUTEX_NORMAL, false);
-    pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
     m_condition = new pthread_cond_t;
-    pthread_cond_init(m_condition, &attributes);
-    pthread_condattr_destroy(&attributes);
+    korvane::sync::initialiseMonotonicCondition(m_condition);
     return true;
 }
 
@@ -197,6 +193,20 @@ void rw_mutex_handle::unlockOnPosix() {
     unlockMutex(m_gate);
 }
 
+namespace {
+
+// A trylock's result: true when taken; EBUSY is silent, anything else is
+// reported.
+bool acceptTrylock(int result) {
+    if (result == 0)
+        return true;
+    if (result != EBUSY)
+        printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
+    return false;
+}
+
+} // namespace
+
 // Takes the hold mutex without waiting for it. The count and the flag say the
 // lock is free here, so the only possible holder is an earlier first reader
 // whose release was refused: a robust (named) mutex accepts an unlock only
@@ -206,25 +216,21 @@ void rw_mutex_handle::unlockOnPosix() {
 // that died is repaired and taken.
 void rw_mutex_handle::takeHoldMutex() {
     const int result = pthread_mutex_trylock(m_hold);
-    if (result == EOWNERDEAD) {
-        if (pthread_mutex_consistent(m_hold) != 0)
-            std::puts("mutex lock fixed failed!");
-    } else if (result != 0 && result != EBUSY) {
-        printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
-    }
+    if (result != EOWNERDEAD)
+        acceptTrylock(result);
+    else if (pthread_mutex_consistent(m_hold) != 0)
+        std::puts("mutex lock fixed failed!");
 }
 
+// After repairing a mutex whose owner died, robustLock takes it back with a
+// blocking lock rather than a try: a try could lose the mutex to another
+// waiter in between, and the caller would then go on as if it held the gate.
 bool rw_mutex_handle::lockMutex(pthread_mutex_t* mutex) {
     return korvane::sync::robustLock(mutex);
 }
 
 bool rw_mutex_handle::tryLockMutex(pthread_mutex_t* mutex) {
-    const int result = pthread_mutex_trylock(mutex);
-    if (result == 0)
-        return true;
-    if (result != EBUSY)
-        printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
-    return false;
+    return acceptTrylock(pthread_mutex_trylock(mutex));
 }
 
 int rw_mutex_handle::unlockMutex(pthread_mutex_t* mutex) {

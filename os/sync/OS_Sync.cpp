@@ -57,11 +57,6 @@ sem_t* createSemaphore(const char* name, unsigned int value) {
     return nullptr;
 }
 
-void closeSemaphore(sem_t* semaphore) {
-    if (semaphore != nullptr)
-        sem_close(semaphore);
-}
-
 void removeMemory(sharememory_handle*& memory) {
     os_sharememory_close(memory, true);
     os_sharememory_destroy(&memory);
@@ -100,8 +95,7 @@ void os_sync_manager_handle::stop() {
         m_started = false;
     }
     if (m_lockSemaphore != nullptr) {
-        sem_close(m_lockSemaphore);
-        m_lockSemaphore = nullptr;
+        closeSemaphore(m_lockSemaphore);
         sem_unlink(kLockSemaphoreName);
     }
     if (m_channelMemory != nullptr)

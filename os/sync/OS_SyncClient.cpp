@@ -65,6 +65,13 @@ MemoryRequest readMemoryRequest(const uint8_t* channel) {
     return request;
 }
 
+void closeSemaphore(sem_t*& semaphore) {
+    if (semaphore != nullptr) {
+        sem_close(semaphore);
+        semaphore = nullptr;
+    }
+}
+
 bool waitForAnswer(sem_t* semaphore) {
     if (semaphore == nullptr)
         return false;
@@ -93,13 +100,6 @@ sem_t* openSemaphore(const char* name, unsigned int value) {
         return semaphore;
     std::printf("Error: Can not open %s, errno = %d!\n", name, errno);
     return nullptr;
-}
-
-void closeSemaphore(sem_t*& semaphore) {
-    if (semaphore != nullptr) {
-        sem_close(semaphore);
-        semaphore = nullptr;
-    }
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The one robust lock of the synchronisation families, and the one way they
-// initialise a mutex. A mutex inside a named object memory is robust, so a
-// process that dies holding it does not block the others for ever.
+// initialise a mutex and a private condition. A mutex inside a named object
+// memory is robust, so a process that dies holding it does not block the
+// others for ever.
 #include <cerrno>
 #include <cstdio>
 
@@ -40,6 +41,14 @@ void initialiseMutex(pthread_mutex_t* mutex, int type, bool shared) {
     }
     pthread_mutex_init(mutex, &attributes);
     pthread_mutexattr_destroy(&attributes);
+}
+
+void initialiseMonotonicCondition(pthread_cond_t* condition) {
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(condition, &attributes);
+    pthread_condattr_destroy(&attributes);
 }
 
 } // namespace sync

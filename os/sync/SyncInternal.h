@@ -142,6 +142,12 @@ bool robustLock(pthread_mutex_t* mutex);
 // Initialises a mutex of the given type; process-shared and robust when
 // `shared` (the form every mutex inside a named object memory takes).
 void initialiseMutex(pthread_mutex_t* mutex, int type, bool shared);
+// Initialises a private condition on the monotonic clock, the clock of every
+// caller's deadline.
+void initialiseMonotonicCondition(pthread_cond_t* condition);
+
+// Closes a named semaphore if it is open, and nulls the pointer.
+void closeSemaphore(sem_t*& semaphore);
 
 } // namespace sync
 } // namespace korvane

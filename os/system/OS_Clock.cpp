@@ -2,12 +2,29 @@
 // deadline from these functions.
 #include <cerrno>
 #include <ctime>
+#include <type_traits>
 
 #include "korvane/system.h"
 
 namespace {
+
 constexpr long kNanosecondsPerSecond = 1000000000L;
+
+// Field arithmetic wraps around instead of overflowing, so values far out of
+// range give a wrapped result rather than undefined behaviour.
+template <class T>
+T wrappingAdd(T a, T b) {
+    using Unsigned = std::make_unsigned_t<T>;
+    return static_cast<T>(static_cast<Unsigned>(a) + static_cast<Unsigned>(b));
 }
+
+template <class T>
+T wrappingSubtract(T a, T b) {
+    using Unsigned = std::make_unsigned_t<T>;
+    return static_cast<T>(static_cast<Unsigned>(a) - static_cast<Unsigned>(b));
+}
+
+} // namespace
 
 int os_clock_get_time(uint32_t clock_id, struct timespec* time) {
     // The vDSO reads through the pointer without the kernel's checks.
@@ -38,8 +55,8 @@ int os_clock_nano_sleep(const struct timespec* deadline) {
 void os_clock_get_clock_span(const struct timespec* start, const struct timespec* end, struct timespec* span) {
     if (start == nullptr || end == nullptr || span == nullptr)
         return;
-    span->tv_sec = end->tv_sec - start->tv_sec;
-    span->tv_nsec = end->tv_nsec - start->tv_nsec;
+    span->tv_sec = wrappingSubtract(end->tv_sec, start->tv_sec);
+    span->tv_nsec = wrappingSubtract(end->tv_nsec, start->tv_nsec);
 }
 
 void os_clock_adjust_clock_time(struct timespec* time) {
@@ -51,12 +68,12 @@ void os_clock_adjust_clock_time(struct timespec* time) {
     if (time->tv_nsec < 0) {
         do {
             time->tv_nsec += kNanosecondsPerSecond;
-            time->tv_sec -= 1;
+            time->tv_sec = wrappingSubtract<time_t>(time->tv_sec, 1);
         } while (time->tv_nsec < 0);
     } else if (time->tv_nsec > kNanosecondsPerSecond - 1) {
         do {
             time->tv_nsec -= kNanosecondsPerSecond;
-            time->tv_sec += 1;
+            time->tv_sec = wrappingAdd<time_t>(time->tv_sec, 1);
         } while (time->tv_nsec > kNanosecondsPerSecond - 1);
     }
 }
@@ -74,8 +91,8 @@ void convertInstant(const struct timespec* in, struct timespec* out, bool toReal
     const struct timespec& from = toRealtime ? monotonic : realtime;
     const struct timespec& to = toRealtime ? realtime : monotonic;
     const struct timespec source = *in; // in and out may be the same record
-    out->tv_sec = source.tv_sec + to.tv_sec - from.tv_sec;
-    out->tv_nsec = source.tv_nsec + to.tv_nsec - from.tv_nsec;
+    out->tv_sec = wrappingAdd(source.tv_sec, wrappingSubtract(to.tv_sec, from.tv_sec));
+    out->tv_nsec = wrappingAdd(source.tv_nsec, wrappingSubtract(to.tv_nsec, from.tv_nsec));
     os_clock_adjust_clock_time(out);
 }
 } // namespace

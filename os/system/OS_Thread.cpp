@@ -80,19 +80,28 @@ bool os_thread_sched_set_affinity(int cpu) {
 // Each atomic is a read-modify-write with release ordering followed by a full
 // barrier, so it orders like a sequentially consistent operation in both
 // directions. The fetch functions return the new value despite their names.
+// A null counter counts nothing and gives 0.
 int64_t os_thread_sync_fetch_add(int64_t* counter) {
+    if (counter == nullptr)
+        return 0;
     const int64_t value = __atomic_add_fetch(counter, 1, __ATOMIC_RELEASE);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
     return value;
 }
 
 int64_t os_thread_sync_fetch_sub(int64_t* counter) {
+    if (counter == nullptr)
+        return 0;
     const int64_t value = __atomic_sub_fetch(counter, 1, __ATOMIC_RELEASE);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
     return value;
 }
 
 int64_t os_thread_sync_compare_and_swap(int64_t* target, int64_t expected, int64_t desired) {
+    // A null target stores nothing; the result differs from `expected`, so
+    // the caller never believes it swapped.
+    if (target == nullptr)
+        return ~expected;
     int64_t found = expected;
     __atomic_compare_exchange_n(target, &found, desired, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);

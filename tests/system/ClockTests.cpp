@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <chrono>
 #include <cstdlib>
 
@@ -148,6 +150,24 @@ TEST(RelativeSleep, SignalsDoNotShortenIt) {
     }
     EXPECT_GE(catcher.count(), 1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 200ms);
+}
+
+// Values far out of range wrap around field by field instead of overflowing.
+TEST(ClockSpan, ExtremeValuesWrapAround) {
+    const struct timespec start = {INT64_MIN, LONG_MIN};
+    const struct timespec end = {INT64_MAX, LONG_MAX};
+    struct timespec span = {0, 0};
+    os_clock_get_clock_span(&start, &end, &span);
+    EXPECT_EQ(span.tv_sec, -1);
+    EXPECT_EQ(span.tv_nsec, -1);
+    struct timespec lowest = {INT64_MIN, -1};
+    os_clock_adjust_clock_time(&lowest);
+    EXPECT_EQ(lowest.tv_sec, INT64_MAX);
+    EXPECT_EQ(lowest.tv_nsec, 999999999);
+    struct timespec converted = {0, 0};
+    const struct timespec far = {INT64_MAX, 0};
+    os_clock_monotonic_to_realtime(&far, &converted);
+    EXPECT_LT(converted.tv_sec, 0) << "the realtime clock is ahead of the monotonic one";
 }
 
 } // namespace

@@ -249,4 +249,10 @@ TEST(ApplicationPath, TooSmallBufferGetsATruncatedPath) {
     EXPECT_EQ(path[5], '#');
 }
 
+TEST(ApplicationPath, NullBufferIsRefusedWithEfault) {
+    errno = 0;
+    EXPECT_EQ(os_environment_get_application_path(nullptr, 64), -1);
+    EXPECT_EQ(errno, EFAULT);
+}
+
 } // namespace

@@ -281,4 +281,11 @@ TEST(MemoryLock, DropsAllButTheTwoLowFlagBits) {
     EXPECT_EQ(result.exitCode, 0);
 }
 
+TEST(Atomics, NullCounterIsRefusedWithoutTouchingMemory) {
+    EXPECT_EQ(os_thread_sync_fetch_add(nullptr), 0);
+    EXPECT_EQ(os_thread_sync_fetch_sub(nullptr), 0);
+    EXPECT_NE(os_thread_sync_compare_and_swap(nullptr, 0, 1), 0);
+    EXPECT_NE(os_thread_sync_compare_and_swap_64(nullptr, -1, 1), -1);
+}
+
 } // namespace

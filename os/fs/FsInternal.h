@@ -1,5 +1,6 @@
-// What the file and folder families share: the trailing-'/' stripping of the
-// path tests, the existence test itself, and creation under a cleared umask.
+// What the file and folder families share: the test for a usable path, the
+// trailing-'/' stripping of the path tests, the existence test itself, and
+// creation with full permissions under a cleared umask.
 #ifndef KORVANE_FS_INTERNAL_H
 #define KORVANE_FS_INTERNAL_H
 
@@ -9,6 +10,14 @@
 
 namespace korvane {
 namespace fs {
+
+// New files and folders get exactly this mode (see withClearedUmask).
+constexpr unsigned int kAllPermissions = 0777;
+
+// Null and empty paths are refused by every file and folder operation.
+inline bool isUsablePath(const char* path) {
+    return path != nullptr && *path != '\0';
+}
 
 // The path without its trailing '/' characters ('\\' is kept). There is no
 // stop at the empty string: a path made only of '/' ends in std::out_of_range

@@ -15,7 +15,7 @@ namespace korvane {
 namespace fs {
 
 bool existingFileType(const char* path, unsigned int& fileType) {
-    if (path == nullptr || *path == '\0')
+    if (!isUsablePath(path))
         return false;
     const std::string stripped = withoutTrailingSlashes(path);
     if (os_clibrary_file_access(stripped.c_str(), F_OK) == -1)
@@ -33,9 +33,8 @@ bool existingFileType(const char* path, unsigned int& fileType) {
 
 namespace {
 
-bool isUsablePath(const char* path) {
-    return path != nullptr && *path != '\0';
-}
+using korvane::fs::isUsablePath;
+using korvane::fs::kAllPermissions;
 
 // A descriptor opened through the wrappers, closed through them on scope exit.
 class Descriptor {
@@ -55,7 +54,6 @@ private:
     int m_fd;
 };
 
-constexpr unsigned int kAllPermissions = 0777;
 constexpr unsigned int kCopyBufferSize = 8192;
 
 // Copies until end of file. A read error counts as end of file, so the copy

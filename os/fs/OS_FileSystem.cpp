@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <climits>
-#include <stdexcept>
 #include <string>
 
 #include "korvane/fs.h"
 #include "korvane/interfaces.h"
+#include "os/system/SystemInternal.h"
 
 namespace {
 
@@ -56,7 +56,7 @@ bool isDotOrDotDot(const char* name) {
 // string is built per entry.
 class Walk {
 public:
-    Walk(const char* root, unsigned int maxDepth, IWalkThroughCallback* callback)
+    Walk(const std::string& root, unsigned int maxDepth, IWalkThroughCallback* callback)
         : m_root(root), m_maxDepth(maxDepth), m_callback(callback) {
         // The root given to the callback ends in a separator unless it is empty.
         if (!m_root.empty() && m_root.back() != '/' && m_root.back() != '\\')
@@ -115,13 +115,12 @@ private:
 
 void os_filesystem_walk_through_ex_p(const char* folder, const char* root, unsigned int max_depth,
                                      IWalkThroughCallback* callback) {
-    // Existing callers expect the exception a std::string built from a null
-    // root raises, before anything is reported.
-    if (root == nullptr)
-        throw std::logic_error("basic_string: construction from null is not valid");
+    // A null root raises the standard library's logic error before anything
+    // is reported (existing callers expect it).
+    const std::string rootText = korvane::stringFromNonNull(root);
     if (folder == nullptr)
         return; // no starting folder: nothing to report
-    Walk walk(root, max_depth, callback);
+    Walk walk(rootText, max_depth, callback);
     walk.run(folder);
 }
 

@@ -5,18 +5,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <list>
-#include <memory>
 #include <string>
 
 #include "korvane/fs.h"
 #include "os/fs/FsInternal.h"
+#include "os/system/SystemInternal.h"
 
 namespace {
 
-constexpr unsigned int kAllPermissions = 0777;
+using korvane::runShellCommand;
+using korvane::fs::isUsablePath;
+using korvane::fs::kAllPermissions;
+
 constexpr const char* kSeparators = "/\\";
 
 // The command formats and the room each buffer gets beyond the lengths of the
@@ -41,27 +42,8 @@ static_assert(fixedLength(kMoveFormat, 2) <= kShortMargin);
 static_assert(fixedLength(kCopyOverwritingFormat, 2) <= kCopyMargin);
 static_assert(fixedLength(kCopyKeepingFormat, 2) == kCopyMargin, "the keeping form needs the whole margin");
 
-bool isUsablePath(const char* path) {
-    return path != nullptr && *path != '\0';
-}
-
 bool isSeparator(char c) {
     return c == '/' || c == '\\';
-}
-
-// A command succeeded when system ran it, it exited normally and with status 0.
-bool commandSucceeded(int status) {
-    return status != -1 && (status & 0x7F) == 0 && (status & 0xFF00) == 0;
-}
-
-// Formats the command into a zeroed heap buffer of the paths' lengths plus
-// `margin` bytes and runs it through the shell.
-template <size_t N, class... Paths>
-bool runShellCommand(const char (&format)[N], size_t margin, const Paths&... paths) {
-    const size_t size = (paths.length() + ... + margin);
-    const std::unique_ptr<char[]> command(new char[size]());
-    snprintf(command.get(), size, format, paths.c_str()...);
-    return commandSucceeded(system(command.get()));
 }
 
 // Strips trailing '/' and '\\' for remove and move; a path of separators only

@@ -5,15 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "common/CallerBuffer.h"
 #include "korvane/system.h"
+#include "os/system/SystemInternal.h"
 
 namespace {
 
@@ -25,19 +24,9 @@ std::string stringOrEmpty(const char* text) {
     return text != nullptr ? std::string(text) : std::string();
 }
 
-// The environment setter does not accept null strings; callers have always
-// seen the standard library's logic error for them, so it stays an exception.
-std::string requiredString(const char* text) {
-    if (text == nullptr)
-        throw std::logic_error("basic_string::_M_construct null not valid");
-    return std::string(text);
-}
-
-// The shared result rule of the shell-command functions: the shell ran, the
-// command ended through exit, and its exit status is 0.
-bool commandSucceeded(int status) {
-    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
+// The kill command and the room its buffer gets beyond the name.
+constexpr char kKillFormat[] = "killall -9 \"%s\"";
+constexpr size_t kKillMargin = 64;
 
 // The two ways a program is tried, prepared in the parent so the child only
 // calls exec: "./application" with the argument string alone as argv[0], then
@@ -77,14 +66,11 @@ bool os_system_run_application(const char* application, const char* arguments, b
 }
 
 bool os_system_kill_application(const char* name) {
-    const std::string target = stringOrEmpty(name);
-    std::vector<char> command(target.size() + 64, '\0');
-    std::snprintf(command.data(), command.size(), "killall -9 \"%s\"", target.c_str());
-    return commandSucceeded(std::system(command.data()));
+    return korvane::runShellCommand(kKillFormat, kKillMargin, stringOrEmpty(name));
 }
 
 bool os_system_invoke_command(const char* command) {
-    return commandSucceeded(std::system(command));
+    return korvane::commandSucceeded(std::system(command));
 }
 
 bool os_system_get_os_environmentVariable(const char* name, char* buffer, size_t* size) {
@@ -123,8 +109,9 @@ std::string valueToStore(const std::string& current, const std::string& value, b
 } // namespace
 
 void os_system_set_os_environmentVariable(const char* name, const char* value, bool replace) {
-    const std::string variable = requiredString(name);
-    const std::string given = requiredString(value);
+    // Neither a null name nor a null value is accepted.
+    const std::string variable = korvane::stringFromNonNull(name);
+    const std::string given = korvane::stringFromNonNull(value);
     const std::string stored = valueToStore(currentEnvironmentValue(variable.c_str()), given, replace);
     setenv(variable.c_str(), stored.c_str(), 1);
 }

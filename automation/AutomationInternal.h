@@ -4,6 +4,7 @@
 #define KORVANE_AUTOMATION_INTERNAL_H
 
 #include <cstdint>
+#include <memory>
 
 #include "korvane/automation.h"
 #include "korvane/types.h"
@@ -31,6 +32,12 @@ bstrunit* copyUnit(const bstrunit* unit);
 bstrunit* unitFromString(const char* text);
 // Frees a unit (array delete of its block); null is ignored.
 inline void freeUnit(bstrunit* unit) { bstrunit_free(unit); }
+
+struct UnitDeleter {
+    void operator()(bstrunit* unit) const { freeUnit(unit); }
+};
+// A unit the library holds for the length of one call.
+using UniqueUnit = std::unique_ptr<bstrunit, UnitDeleter>;
 
 // A variant the library itself owns for the length of one call: initialised
 // when made, cleared (its string freed) when gone.

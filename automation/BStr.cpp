@@ -2,6 +2,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "automation/AutomationInternal.h"
 #include "common/HandleFrame.h"
@@ -39,12 +40,14 @@ namespace {
 // The three setters share one shape: a null handle reports whether there was
 // nothing to set; otherwise the handle is cleared *before* the source is read
 // (so setting a handle from itself empties it, which callers rely on) and
-// then takes a copy of the source, null meaning no string.
+// then takes a copy of the source, null meaning no string. The old unit is
+// freed only once the copy is made: a source that lies inside it (the
+// handle's own text or unit) must still be readable.
 template <class Source, class Copy>
 bool setFrom(bstr_handle* handle, Source source, Copy copy) {
     if (handle == nullptr)
         return source == nullptr;
-    bstr_clear(handle);
+    const korvane::UniqueUnit previous(std::exchange(handle->unit, nullptr));
     handle->unit = copy(source);
     return true;
 }

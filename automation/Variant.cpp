@@ -9,6 +9,23 @@ namespace {
 
 using korvane::Scalar;
 
+// Empties v as variant_clear does but hands its string unit, if any, to the
+// caller, who frees it by letting the result go. Every setter keeps the old
+// unit alive this way until the new value is built, so a source that lies
+// inside it (the variant's own text or unit) is still readable.
+korvane::UniqueUnit takeCleared(tagTVARIANT* v) {
+    if (v->vt != TVT_STRING) {
+        std::memset(v, 0, sizeof *v);
+        return nullptr;
+    }
+    // A string clears only its tag and value: the rest of the record is left
+    // as the caller had it.
+    korvane::UniqueUnit unit(v->value.bstrVal);
+    v->vt = TVT_EMPTY;
+    v->value.bits = 0;
+    return unit;
+}
+
 // The flag rule every setter shares. With keep, v takes the value with its
 // own type. Without it, the value is set into a temporary with its own type,
 // converted to the tag v holds and copied back. v is cleared before its tag
@@ -19,7 +36,7 @@ template <class SetOwnType>
 void setThroughFlag(tagTVARIANT* v, bool keep, SetOwnType setOwnType) {
     if (v == nullptr)
         return;
-    variant_clear(v);
+    const korvane::UniqueUnit previous = takeCleared(v);
     if (keep) {
         setOwnType(v);
         return;
@@ -73,17 +90,8 @@ void variant_init(tagTVARIANT* v) {
 }
 
 void variant_clear(tagTVARIANT* v) {
-    if (v == nullptr)
-        return;
-    if (v->vt != TVT_STRING) {
-        std::memset(v, 0, sizeof *v);
-        return;
-    }
-    // A string clears only its tag and value: the rest of the record is left
-    // as the caller had it.
-    korvane::freeUnit(v->value.bstrVal);
-    v->vt = TVT_EMPTY;
-    v->value.bits = 0;
+    if (v != nullptr)
+        takeCleared(v);
 }
 
 void variant_set_variant(tagTVARIANT* destination, const tagTVARIANT* source) {
@@ -91,7 +99,7 @@ void variant_set_variant(tagTVARIANT* destination, const tagTVARIANT* source) {
         return;
     // The destination is cleared before the source is read, so copying a
     // variant onto itself leaves it empty; existing callers rely on this.
-    variant_clear(destination);
+    const korvane::UniqueUnit previous = takeCleared(destination);
     if (source == nullptr)
         return;
     if (source->vt != TVT_STRING) {
@@ -105,7 +113,7 @@ void variant_set_variant(tagTVARIANT* destination, const tagTVARIANT* source) {
 void variant_set_bstrunit(tagTVARIANT* v, const bstrunit* unit) {
     if (v == nullptr)
         return;
-    variant_clear(v);
+    const korvane::UniqueUnit previous = takeCleared(v);
     v->vt = TVT_STRING;
     v->value.bstrVal = korvane::copyUnit(unit);
 }

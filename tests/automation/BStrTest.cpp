@@ -182,3 +182,18 @@ TEST(BStrEqual, UnitRules) {
 }
 
 } // namespace
+
+namespace {
+
+// A source inside the handle's own unit is read before that unit is freed.
+TEST(BStrSetters, SourceInsideTheHandlesOwnUnitIsCopiedWhole) {
+    Bstr h("a text longer than any allocator header");
+    EXPECT_TRUE(bstr_set_string(h.get(), bstr_get_string(h.get())));
+    EXPECT_STREQ(bstr_get_string(h.get()), "a text longer than any allocator header");
+    bstrunit* own = bstr_detach_bstrunit(h.get());
+    bstr_attach_bstrunit(h.get(), own);
+    EXPECT_TRUE(bstr_set_bstrunit(h.get(), own));
+    EXPECT_STREQ(bstr_get_string(h.get()), "a text longer than any allocator header");
+}
+
+} // namespace

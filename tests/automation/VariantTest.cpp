@@ -200,3 +200,20 @@ TEST(VariantDatatypeSize, BitsOfEveryTag) {
 }
 
 } // namespace
+
+namespace {
+
+// A source inside the variant's own unit is read before that unit is freed.
+TEST(VariantSetters, SourceInsideTheVariantsOwnUnitIsCopiedWhole) {
+    const std::string text = "a text longer than any allocator header";
+    for (bool keep : {true, false}) {
+        ScopedVariant v;
+        variant_set_string(v.get(), text.c_str(), true);
+        variant_set_string(v.get(), bstrunit_data(v->value.bstrVal), keep);
+        EXPECT_EQ(describe(*v.get()), "string:'" + text + "'");
+        variant_set_bstrunit(v.get(), v->value.bstrVal);
+        EXPECT_EQ(describe(*v.get()), "string:'" + text + "'");
+    }
+}
+
+} // namespace

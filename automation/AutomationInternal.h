@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "korvane/automation.h"
 #include "korvane/types.h"
@@ -30,11 +31,12 @@ bstrunit* makeUnit(int32_t length, const void* bytes);
 bstrunit* copyUnit(const bstrunit* unit);
 // Unit holding `text` and its NUL (length strlen + 1).
 bstrunit* unitFromString(const char* text);
-// Frees a unit (array delete of its block); null is ignored.
-inline void freeUnit(bstrunit* unit) { bstrunit_free(unit); }
+// A unit's text up to its first NUL, never read past its length (a unit
+// built by hand need not end in NUL); no unit or an empty one is "".
+std::string unitText(const bstrunit* unit);
 
 struct UnitDeleter {
-    void operator()(bstrunit* unit) const { freeUnit(unit); }
+    void operator()(bstrunit* unit) const { bstrunit_free(unit); }
 };
 // A unit the library holds for the length of one call.
 using UniqueUnit = std::unique_ptr<bstrunit, UnitDeleter>;

@@ -29,10 +29,17 @@ bstrunit* unitFromString(const char* text) {
     return makeUnit(static_cast<int32_t>(length), text);
 }
 
+std::string unitText(const bstrunit* unit) {
+    if (unit == nullptr || unit->length <= 0)
+        return std::string();
+    const char* data = bstrunit_data(unit);
+    return std::string(data, strnlen(data, static_cast<size_t>(unit->length)));
+}
+
 } // namespace korvane
 
 bstr_handle::~bstr_handle() {
-    korvane::freeUnit(unit);
+    bstrunit_free(unit);
 }
 
 namespace {
@@ -65,7 +72,7 @@ void bstr_destroy(bstr_handle** handle) {
 void bstr_clear(bstr_handle* handle) {
     if (handle == nullptr)
         return;
-    korvane::freeUnit(handle->unit);
+    bstrunit_free(handle->unit);
     handle->unit = nullptr;
 }
 

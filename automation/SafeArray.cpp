@@ -56,7 +56,7 @@ void freeStorage(TVARTYPE type, void* data, uint32_t count) {
         return;
     if (type == TVT_STRING) {
         for (uint32_t i = 0; i < count; ++i)
-            korvane::freeUnit(unitAt(data, i));
+            bstrunit_free(unitAt(data, i));
     }
     delete[] bytesOf(data);
 }

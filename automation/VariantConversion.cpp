@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -18,20 +17,6 @@ namespace {
 
 using korvane::NumericScalar;
 using korvane::Scalar;
-
-// A bstr handle the conversion owns for one call. The unit it holds when the
-// call ends (none, on the normal paths) goes with it.
-class TemporaryBstr {
-public:
-    TemporaryBstr() : m_handle(bstr_create()) {}
-    ~TemporaryBstr() { bstr_destroy(&m_handle); }
-    TemporaryBstr(const TemporaryBstr&) = delete;
-    TemporaryBstr& operator=(const TemporaryBstr&) = delete;
-    bstr_handle* get() const { return m_handle; }
-
-private:
-    bstr_handle* m_handle;
-};
 
 // Writes a result into the value union at the target's width. An integer
 // result keeps its low-order bytes; the bytes above the width keep what they
@@ -113,9 +98,7 @@ void formatAsText(tagTVARIANT* v) {
     char text[kTextCapacity] = {};
     std::snprintf(text, sizeof text, korvane::printFormat(Source),
                   printArgument(korvane::readScalar<NumericScalar<Source>>(v)));
-    TemporaryBstr handle;
-    bstr_set_string(handle.get(), text);
-    v->value.bstrVal = bstr_detach_bstrunit(handle.get());
+    v->value.bstrVal = korvane::unitFromString(text);
     v->vt = TVT_STRING;
 }
 
@@ -127,21 +110,6 @@ bool convertFromScalar(tagTVARIANT* v, TVARTYPE target) {
     }
     return korvane::dispatchScalar(target, false,
                                    [v](auto tag) { return convertScalar<Source, decltype(tag)::value>(v); });
-}
-
-// The text of a string variant as the parsers need it: the data up to the
-// first NUL. No unit or an empty one reads as "", which parses as 0. A unit
-// built by hand need not end in NUL and the parsers must not run past it, so
-// such a text is copied into `copy` with a NUL added.
-const char* parsableText(const bstrunit* unit, std::string& copy) {
-    if (unit == nullptr || unit->length <= 0)
-        return "";
-    const char* data = bstrunit_data(unit);
-    const size_t length = static_cast<size_t>(unit->length);
-    if (std::memchr(data, '\0', length) != nullptr)
-        return data;
-    copy.assign(data, length);
-    return copy.c_str();
 }
 
 // Base 0 throughout: "0x" means hexadecimal and a leading 0 octal. char
@@ -165,16 +133,14 @@ auto parse(const char* text) {
         return std::strtoul(text, nullptr, 0);
 }
 
-// The string is consumed: a temporary handle takes over the unit, the number
-// is stored over the unit pointer and clearing the handle frees the text.
+// The string is consumed: the number is stored over the unit pointer and the
+// unit is freed. Its text is read up to the first NUL; no unit, or no number
+// in the text, gives 0.
 template <TVARTYPE Target>
 bool convertFromString(tagTVARIANT* v) {
-    std::string copy;
-    const char* text = parsableText(v->value.bstrVal, copy);
-    TemporaryBstr handle;
-    bstr_attach_bstrunit(handle.get(), v->value.bstrVal);
-    store<Target>(v, parse<Target>(text));
-    bstr_clear(handle.get());
+    const std::string text = korvane::unitText(v->value.bstrVal);
+    const korvane::UniqueUnit unit(v->value.bstrVal);
+    store<Target>(v, parse<Target>(text.c_str()));
     v->vt = Target;
     return true;
 }

@@ -14,29 +14,20 @@ static_assert(std::is_same<unsigned long, size_t>::value,
 
 namespace {
 
-// A unit's text up to its first NUL, never reading past its length; a null
-// unit (a string variant holding no string) is the empty text.
-std::string unitText(const bstrunit* unit) {
-    if (unit == nullptr || unit->length <= 0)
-        return std::string();
-    const char* data = bstrunit_data(unit);
-    return std::string(data, strnlen(data, static_cast<size_t>(unit->length)));
-}
-
 // The variant's value as text: a string's own text, any scalar formatted
 // through a converted private copy ("%d", "%u", "%ld", ..., "%f"). An empty
 // variant has no value and gives the empty text; so does an unknown tag,
 // whose value bits cannot be trusted to be a unit.
 std::string valueText(const tagTVARIANT* v) {
     if (v->vt == TVT_STRING)
-        return unitText(v->value.bstrVal);
+        return korvane::unitText(v->value.bstrVal);
     if (!korvane::isScalarTag(v->vt))
         return std::string();
     korvane::ScopedVariant copy;
     variant_set_variant(copy.get(), v);
     if (!variant_change_type(copy.get(), TVT_STRING))
         return std::string();
-    return unitText(copy.get()->value.bstrVal);
+    return korvane::unitText(copy.get()->value.bstrVal);
 }
 
 bool giveText(const std::string& text, char* buffer, unsigned long& length) {

@@ -118,18 +118,23 @@ bool variant_wrapper_set_type(variant_wrapper_handle* handle, const char* name) 
     return handle->writer->setType(name);
 }
 
-IVariantRead* variant_wrapper_get_variantread(variant_wrapper_handle* handle) {
-    if (handle == nullptr || !handle->readable || handle->reader == nullptr)
+namespace {
+// An interface handed out with a reference added, when the mode allows it.
+template <class Interface>
+Interface* handOut(bool allowed, Interface* object) {
+    if (!allowed || object == nullptr)
         return nullptr;
-    handle->reader->addRef();
-    return handle->reader;
+    object->addRef();
+    return object;
+}
+} // namespace
+
+IVariantRead* variant_wrapper_get_variantread(variant_wrapper_handle* handle) {
+    return handle == nullptr ? nullptr : handOut(handle->readable, handle->reader);
 }
 
 IVariantWrite* variant_wrapper_get_variantwrite(variant_wrapper_handle* handle) {
-    if (handle == nullptr || !handle->writable || handle->writer == nullptr)
-        return nullptr;
-    handle->writer->addRef();
-    return handle->writer;
+    return handle == nullptr ? nullptr : handOut(handle->writable, handle->writer);
 }
 
 variant_wrapper_handle* variant_wrapper_clone(variant_wrapper_handle* handle) {

@@ -226,6 +226,7 @@ TEST_F(FilesAndFolders, FolderCommandLinesAndTheirStatusRule) {
         {[] { return os_folder_copy("photos", "existing", false); }, "cp -rf \"photos/\"/* \"existing/s/\""},
     };
     fstest::dryRun = true;
+    fstest::fakeStatus = 0;
     for (const auto& [run, expected] : rows) {
         commands.clear();
         EXPECT_TRUE(run());

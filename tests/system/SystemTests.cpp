@@ -295,6 +295,7 @@ TEST(Process, ShellCommandsSucceedOnlyOnExitStatusZero) {
         EXPECT_EQ(os_system_invoke_command(command), succeeded) << command;
     EXPECT_FALSE(os_system_kill_application("kvt-nothing-runs-under-this-name"));
     systest::dryRun = true;
+    systest::fakeStatus = 0;
     systest::commands.clear();
     EXPECT_TRUE(os_system_kill_application("a b") && os_system_kill_application(nullptr));
     systest::dryRun = false;
@@ -395,17 +396,13 @@ TEST(Loader, FlagsMapOntoDlopenModes) {
 }
 
 TEST(Loader, LoadsFindsAndFrees) {
-    void* library = os_dynamic_library_loader_load("libm.so.6");
-    ASSERT_NE(library, nullptr);
-    const auto cosine = reinterpret_cast<double (*)(double)>(os_dynamic_library_loader_get_proc(library, "cos"));
-    EXPECT_TRUE(cosine != nullptr && cosine(0.0) == 1.0);
-    EXPECT_EQ(os_dynamic_library_loader_get_proc(library, "kv_no_such_symbol"), nullptr);
-    EXPECT_EQ(os_dynamic_library_loader_get_proc(library, nullptr), nullptr);
-    EXPECT_EQ(os_dynamic_library_loader_free(library), 0);
-    void* program = os_dynamic_library_loader_load(nullptr);
+    void* program = os_dynamic_library_loader_load(nullptr); // the main program
+    ASSERT_NE(program, nullptr);
     EXPECT_EQ(os_dynamic_library_loader_get_proc(program, "os_dynamic_library_loader_free"),
               reinterpret_cast<void*>(&os_dynamic_library_loader_free));
-    os_dynamic_library_loader_free(program);
+    EXPECT_EQ(os_dynamic_library_loader_get_proc(program, "kv_no_such_symbol"), nullptr);
+    EXPECT_EQ(os_dynamic_library_loader_get_proc(program, nullptr), nullptr);
+    EXPECT_EQ(os_dynamic_library_loader_free(program), 0);
     const std::string printed =
         kvtest::captureStdout([] { EXPECT_EQ(os_dynamic_library_loader_load("/nonexistent/libkv.so"), nullptr); });
     EXPECT_EQ(printed, "");

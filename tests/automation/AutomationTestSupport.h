@@ -1,0 +1,112 @@
+// What the automation tests share: records and handles that clean up after
+// themselves, and a variant's value as text, worked out independently of the
+// library's own tables so that it can judge the library's results.
+#ifndef KORVANE_TESTS_AUTOMATION_TEST_SUPPORT_H
+#define KORVANE_TESTS_AUTOMATION_TEST_SUPPORT_H
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "korvane/automation.h"
+#include "korvane/interfaces.h"
+
+namespace autotest {
+
+constexpr TVARTYPE kUnknownTag = 99; // no variant type uses it
+
+struct Variant {
+    Variant() { variant_init(&record); }
+    ~Variant() { variant_clear(&record); }
+    Variant(const Variant&) = delete;
+    tagTVARIANT* get() { return &record; }
+    tagTVARIANT* operator->() { return &record; }
+    tagTVARIANT record;
+};
+
+// Fills a fresh variant for a table row.
+using Filler = std::function<void(tagTVARIANT*)>;
+template <class T, class Value>
+Filler setTo(void (*setter)(tagTVARIANT*, T, bool), Value value) {
+    return [setter, value](tagTVARIANT* v) { setter(v, static_cast<T>(value), true); };
+}
+inline Filler text(const char* t) { return [t](tagTVARIANT* v) { variant_set_string(v, t, true); }; }
+// A record built by hand: any tag over any 64-bit value.
+inline Filler raw(TVARTYPE tag, uint64_t bits) { return [=](tagTVARIANT* v) { v->vt = tag, v->value.bits = bits; }; }
+
+struct UnitFree {
+    void operator()(bstrunit* unit) const { bstrunit_free(unit); }
+};
+using Unit = std::unique_ptr<bstrunit, UnitFree>;
+// A unit built by hand from raw bytes: no NUL is added.
+inline Unit rawUnit(const std::string& bytes) {
+    Unit unit(bstrunit_alloc(static_cast<int32_t>(bytes.size())));
+    std::memcpy(bstrunit_data(unit.get()), bytes.data(), bytes.size());
+    return unit;
+}
+inline std::string bytesOf(const bstrunit* unit) { return std::string(bstrunit_data(unit), unit->length); }
+
+// "int:-7", "char:200" (a char shows its unsigned byte), "float:-2.75",
+// "string:'abc'" (up to the first NUL), "string:null", "empty", "tag99:0x2a".
+inline std::string describe(const tagTVARIANT* v) {
+    static const char* const names[] = {"empty", "char", "byte", "short",  "ushort", "int",    "uint", "long",
+                                        "ulong", "ll",   "ull",  "float",  "double", "string", "bool"};
+    static const unsigned widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1};
+    const bstrunit* unit = v->value.bstrVal;
+    const bool isSigned = v->vt == TVT_SHORT || v->vt == TVT_INT || v->vt == TVT_LONG || v->vt == TVT_LONGLONG;
+    char value[400] = "null";
+    if (v->vt == TVT_EMPTY || v->vt > TVT_BOOL) {
+        std::snprintf(value, sizeof value, v->vt ? "tag%u:0x%llx" : "empty", v->vt, (unsigned long long)v->value.bits);
+        return value;
+    }
+    const unsigned shift = 64 - 8 * widths[v->vt];
+    if (v->vt == TVT_STRING && unit != nullptr)
+        return "string:'" + std::string(bstrunit_data(unit), strnlen(bstrunit_data(unit), unit->length)) + "'";
+    if (v->vt == TVT_FLOAT || v->vt == TVT_DOUBLE)
+        std::snprintf(value, sizeof value, "%.*g", v->vt == TVT_FLOAT ? 9 : 17,
+                      v->vt == TVT_FLOAT ? double(v->value.floatVal) : v->value.doubleVal);
+    else if (v->vt != TVT_STRING && isSigned)
+        std::snprintf(value, sizeof value, "%lld", (long long)(int64_t(v->value.bits << shift) >> shift));
+    else if (v->vt != TVT_STRING)
+        std::snprintf(value, sizeof value, "%llu", (unsigned long long)((v->value.bits << shift) >> shift));
+    return std::string(names[v->vt]) + ":" + value;
+}
+
+template <class Interface>
+struct Release {
+    void operator()(Interface* object) const { object->releaseRef(); }
+};
+using Reader = std::unique_ptr<IVariantRead, Release<IVariantRead>>;
+using Writer = std::unique_ptr<IVariantWrite, Release<IVariantWrite>>;
+struct WrapperDestroyer {
+    void operator()(variant_wrapper_handle* handle) const { variant_wrapper_destroy(&handle); }
+};
+using Wrapper = std::unique_ptr<variant_wrapper_handle, WrapperDestroyer>;
+
+// A wrapper borrowing `v` that hands out both interfaces.
+inline Wrapper wrapperOver(tagTVARIANT* v) {
+    Wrapper wrapper(variant_wrapper_create());
+    variant_wrapper_set_mode(wrapper.get(), true, true);
+    variant_wrapper_set_wrapper_value(wrapper.get(), v, false);
+    return wrapper;
+}
+
+// Text through the caller-buffer protocol: the size, then the text into a
+// buffer of exactly that size; a buffer one byte short must then be refused,
+// untouched, its size left alone. "<refused>" when any step goes wrong.
+inline std::string textFrom(const std::function<bool(char*, unsigned long&)>& get) {
+    unsigned long length = 0, size = 0;
+    if (!get(nullptr, length) || length == 0)
+        return "<refused>";
+    std::string text(length, '#'), tooSmall = text;
+    if (!get(&text[0], size = length) || size != length || text.back() != '\0' ||
+        get(&tooSmall[0], size = length - 1) || size != length - 1 || tooSmall != std::string(length, '#'))
+        return "<refused>";
+    return text.c_str();
+}
+
+} // namespace autotest
+
+#endif

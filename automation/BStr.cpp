@@ -85,6 +85,10 @@ bool bstr_set_bstrunit(bstr_handle* handle, const bstrunit* unit) {
 }
 
 bool bstr_set_bstr(bstr_handle* destination, bstr_handle* source) {
+    // For this setter "nothing to set" is a source handle that is null or
+    // holds no string, on the null-destination path as on the others.
+    if (destination == nullptr)
+        return source == nullptr || source->unit == nullptr;
     return setFrom(destination, source,
                    [](const bstr_handle* s) { return s == nullptr ? nullptr : korvane::copyUnit(s->unit); });
 }

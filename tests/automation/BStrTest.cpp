@@ -23,9 +23,9 @@ Bstr bstr(const char* text = nullptr) {
 
 TEST(BStrNullHandle, SettersReportWhetherThereWasNothingToSetAndTheRestDoNothing) {
     const Unit unit = rawUnit("x");
-    const Bstr other = bstr("x");
+    const Bstr other = bstr("x"), empty = bstr();
     EXPECT_TRUE(bstr_set_string(nullptr, nullptr) && bstr_set_bstrunit(nullptr, nullptr) &&
-                bstr_set_bstr(nullptr, nullptr));
+                bstr_set_bstr(nullptr, nullptr) && bstr_set_bstr(nullptr, empty.get()));
     EXPECT_FALSE(bstr_set_string(nullptr, "x") || bstr_set_bstrunit(nullptr, unit.get()) ||
                  bstr_set_bstr(nullptr, other.get()));
     bstr_clear(nullptr);

@@ -1,245 +1,172 @@
-// Events through the exported functions: unnamed ones, and named ones shared
-// with forked processes (the condition mode os_event_create selects).
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <unistd.h>
+// Events through their class, for each wake-up mechanism: unnamed (a private
+// condition) and named with a shared condition (what os_event_create
+// selects), a shared semaphore or a System V semaphore; and the semaphore's
+// System V mode, which only its class constructor reaches.
+#include <sys/sem.h>
 
-#include <atomic>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
-#include "SyncObjectsSupport.h"
-#include "korvane/sync.h"
-
-using namespace std::chrono_literals;
+#include "SyncTestSupport.h"
+#include "os/sync/SyncObjects.h"
 
 namespace {
 
-// A run of operations on one event: 'S' set, 'R' reset, '1' a wait with a
-// passed deadline that must succeed, '0' one that must fail.
-struct ResetScenario {
+using namespace kvtest;
+
+struct Mechanism {
     const char* title;
-    bool manualReset;
-    bool initialState;
-    const char* steps;
+    bool named, systemV, useCondition;
+    int64_t requestSize;
+    uint8_t systemVFlag, conditionFlag;
 };
 
-const ResetScenario kResetScenarios[] = {
-    {"AutomaticCreatedSetReleasesOneWait", false, true, "10"},
-    {"AutomaticCreatedClearReleasesNone", false, false, "0"},
-    {"AutomaticTwoSetsCountOnce", false, false, "SS10"},
-    {"AutomaticResetTakesTheSetBack", false, false, "SR0S10"},
-    {"ManualCreatedSetReleasesEveryWaitUntilReset", true, true, "111R0"},
-    {"ManualSetReleasesEveryWaitUntilReset", true, false, "S111R00S1"},
-    {"ManualTwoSetsNeedOneReset", true, false, "SS11R0"},
+const Mechanism kMechanisms[] = {
+    {"Unnamed", false, false, true, -1, 0, 1},
+    {"Condition", true, false, true, 104, 0, 1},
+    {"Semaphore", true, false, false, 88, 0, 0},
+    {"SystemV", true, true, false, 60, 1, 0},
 };
+// System V asked for together with the condition: the condition is dropped.
+const Mechanism kSystemVWithCondition{"SystemVWithCondition", true, true, true, 60, 1, 0};
 
-void playScenario(event_handle* event, const ResetScenario& scenario) {
-    int index = 0;
-    for (const char* step = scenario.steps; *step != '\0'; ++step, ++index) {
-        switch (*step) {
-        case 'S':
-            os_event_set_event(event);
-            break;
-        case 'R':
-            os_event_reset_event(event);
-            break;
-        default:
-            EXPECT_EQ(os_event_wait_timeout(event, kvtest::pastDeadline()), *step == '1')
-                << scenario.title << ", step " << index;
+std::unique_ptr<event_handle> openEvent(const Mechanism& how, bool manualReset, bool initialState,
+                                        const std::string& name) {
+    return std::make_unique<event_handle>(manualReset, initialState, how.named ? name.c_str() : nullptr, how.systemV,
+                                          how.useCondition);
+}
+
+class EventMechanisms : public SyncTest, public ::testing::WithParamInterface<Mechanism> {};
+
+// 'S' set, 'R' reset, '1' a wait past its deadline that must succeed, '0' one
+// that must fail.
+TEST_P(EventMechanisms, ResetRulesHold) {
+    struct Steps {
+        bool manualReset;
+        bool initialState;
+        const char* steps;
+    };
+    for (const Steps& run : {Steps{false, true, "10"}, Steps{false, false, "SS10"}, Steps{false, false, "SR0S10"},
+                             Steps{true, true, "111R0"}, Steps{true, false, "S111R00S1"},
+                             Steps{true, false, "SS11R0S1"}}) {
+        const auto event = openEvent(GetParam(), run.manualReset, run.initialState, name("ev"));
+        for (const char* step = run.steps; *step != '\0'; ++step) {
+            if (*step == 'S')
+                event->set();
+            else if (*step == 'R')
+                event->reset();
+            else
+                EXPECT_EQ(event->waitUntil(pastDeadline()), *step == '1') << run.steps << " step " << step - run.steps;
         }
     }
 }
 
-class EventReset : public kvtest::SyncManagerTest, public ::testing::WithParamInterface<ResetScenario> {};
-
-TEST_P(EventReset, Unnamed) {
-    event_handle* event = os_event_create(GetParam().manualReset, GetParam().initialState, nullptr);
-    playScenario(event, GetParam());
-    os_event_destroy(&event);
-    EXPECT_EQ(event, nullptr);
-}
-
-TEST_P(EventReset, Named) {
-    event_handle* event = os_event_create(GetParam().manualReset, GetParam().initialState, name("ev").c_str());
-    playScenario(event, GetParam());
-    os_event_destroy(&event);
-}
-
-INSTANTIATE_TEST_SUITE_P(Scenarios, EventReset, ::testing::ValuesIn(kResetScenarios),
-                         [](const ::testing::TestParamInfo<ResetScenario>& info) { return info.param.title; });
-
-TEST(Event, NullHandleDoesNothingAndWaitsFail) {
-    EXPECT_FALSE(os_event_wait(nullptr));
-    EXPECT_FALSE(os_event_wait_timeout(nullptr, kvtest::pastDeadline()));
-    os_event_set_event(nullptr);
-    os_event_reset_event(nullptr);
-    event_handle* none = nullptr;
-    os_event_destroy(&none);
-    os_event_destroy(nullptr);
-}
-
-TEST(Event, NamedWithoutASyncManagerIsUnusable) {
-    const std::string name = kvtest::uniqueName("nomgr");
-    event_handle* event = nullptr;
-    const std::string printed = kvtest::captureStdout([&] { event = os_event_create(true, true, name.c_str()); });
-    EXPECT_NE(printed.find("Error: Can not open"), std::string::npos);
-    ASSERT_NE(event, nullptr);
-    EXPECT_FALSE(os_event_wait(event)) << "an unusable event must not block or succeed";
-    os_event_set_event(event);
-    EXPECT_FALSE(os_event_wait_timeout(event, kvtest::pastDeadline()));
-    os_event_destroy(&event);
-    EXPECT_TRUE(kvtest::shmEntriesContaining(name).empty());
-}
-
-// Waiting threads and how many of them came back with the event.
-struct Waiters {
-    std::atomic<int> released{0};
-    std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
-    Waiters(event_handle* event, int count) {
-        for (int i = 0; i < count; ++i)
-            threads.emplace_back([this, event] {
-                if (os_event_wait_timeout(event, kvtest::boundedDeadline()))
-                    ++released;
-                else
-                    ++failed;
-            });
-    }
-    ~Waiters() {
-        for (std::thread& thread : threads)
-            thread.join();
-    }
-};
-
-TEST(Event, AutomaticResetReleasesOneWaiterPerSet) {
-    event_handle* event = os_event_create(false, false, nullptr);
-    {
-        Waiters waiters(event, 3);
-        for (int set = 1; set <= 3; ++set) {
-            os_event_set_event(event);
-            EXPECT_TRUE(kvtest::eventually([&] { return waiters.released == set; })) << "set " << set;
-            std::this_thread::sleep_for(20ms);
-            EXPECT_EQ(waiters.released, set) << "one set released more than one waiter";
+// Waiters block (threads on an unnamed event, processes opening a named one),
+// then sets release them: a manual-reset set every waiter, an automatic-reset
+// set exactly one.
+TEST_P(EventMechanisms, SetsReleaseBlockedWaitersByTheResetRule) {
+    for (const bool manualReset : {true, false}) {
+        const std::string shared = name("ev");
+        const auto make = [&] { return openEvent(GetParam(), manualReset, false, shared); };
+        const auto event = GetParam().named ? openMapped(shared, make) : make();
+        const int waiters = manualReset ? 3 : 2;
+        Signal ready, released;
+        std::vector<std::unique_ptr<Worker>> workers;
+        for (int i = 0; i < waiters; ++i) {
+            workers.push_back(std::make_unique<Worker>(GetParam().named, [&, i] {
+                std::unique_ptr<event_handle> own;
+                if (GetParam().named)
+                    own = openMapped(shared, [&] { return openEvent(GetParam(), false, false, shared); });
+                event_handle* mine = GetParam().named ? own.get() : event.get();
+                ready.notify();
+                // Waits outlast the test's wait for their release: a missed
+                // wake-up must not pass as a release at the deadline.
+                const bool untimed = i == 0 && GetParam().named; // a process is killed if it hangs
+                if (!(untimed ? mine->wait() : mine->waitUntil(monotonicDeadline(2 * kDefaultTimeout))))
+                    return 1;
+                released.notify();
+                return 0;
+            }));
+            ASSERT_TRUE(ready.waitFor());
         }
+        std::this_thread::sleep_for(30ms); // let them block
+        for (int set = 0, freed = 0; freed < waiters; ++set) {
+            event->set();
+            for (int each = 0; each < (manualReset ? waiters : 1); ++each, ++freed)
+                EXPECT_TRUE(released.waitFor()) << (manualReset ? "manual" : "automatic") << " set " << set;
+            EXPECT_FALSE(released.waitFor(50ms)) << "one set released too many waiters";
+        }
+        for (auto& worker : workers)
+            EXPECT_EQ(worker->result(), 0);
+        EXPECT_EQ(event->waitUntil(pastDeadline()), manualReset) << "a manual-reset event stays set";
     }
-    os_event_destroy(&event);
 }
 
-TEST(Event, ManualResetReleasesEveryWaiter) {
-    event_handle* event = os_event_create(true, false, nullptr);
+INSTANTIATE_TEST_SUITE_P(All, EventMechanisms, ::testing::ValuesIn(kMechanisms),
+                         [](const ::testing::TestParamInfo<Mechanism>& info) { return info.param.title; });
+
+class NamedEvent : public SyncTest {};
+
+TEST_F(NamedEvent, MemoryHasTheMechanismsLayoutAndTheFirstCreatorsArgumentsUntilTheLastHandle) {
+    for (const Mechanism& how : {kMechanisms[1], kMechanisms[2], kMechanisms[3], kSystemVWithCondition}) {
+        const std::string shared = name("ev");
+        std::unique_ptr<event_handle> first;
+        const std::string warning = how.systemV && how.useCondition
+                                        ? "warning: can not use condition because semaphore is managed by OS, it "
+                                          "should be system V semaphore.\n"
+                                        : "";
+        EXPECT_EQ(captureStdout([&] { first = openEvent(how, true, true, shared); }), warning);
+        EXPECT_EQ(segmentSize(shared), how.requestSize) << how.title;
+        const key_t key = memoryFileKey(shared);
+        EXPECT_EQ(systemVSemaphoreExists(key), how.systemV) << how.title;
+        {
+            const MappedObject memory(shared);
+            ASSERT_NE(memory.bytes, nullptr);
+            const uint8_t* flags = memory.bytes + how.requestSize - 4;
+            const std::vector<uint8_t> expected = {1, 1, how.systemVFlag, how.conditionFlag};
+            EXPECT_EQ(std::vector<uint8_t>(flags, flags + 4), expected)
+                << how.title << ": manual reset, state, System V flag, condition flag";
+        }
+        auto second = openEvent(how, false, false, shared);
+        first.reset();
+        EXPECT_EQ(systemVSemaphoreExists(key), how.systemV) << how.title << ": only the last release removes it";
+        EXPECT_TRUE(second->waitUntil(pastDeadline()) && second->waitUntil(pastDeadline()))
+            << how.title << ": the first creator's state and manual reset hold";
+        second.reset();
+        EXPECT_EQ(segmentSize(shared), -1) << how.title;
+        EXPECT_FALSE(systemVSemaphoreExists(key)) << how.title << ": the last release removes the System V semaphore";
+    }
+}
+
+// The System V mode makes its keyed set, but nothing writes the flag byte, so
+// the operations keep the POSIX path and the last release leaves the set.
+TEST_F(NamedEvent, SemaphoreSystemVModeMakesItsSetBehindAClearFlagByte) {
+    const std::string shared = name("sem");
+    auto semaphore = std::make_unique<semaphore_handle>(3, shared.c_str(), true);
+    EXPECT_EQ(segmentSize(shared), 9);
+    const int id = semget(memoryFileKey(shared), 1, 0);
+    ASSERT_NE(id, -1);
+    EXPECT_EQ(semctl(id, 0, GETVAL), 3);
     {
-        Waiters waiters(event, 4);
-        std::this_thread::sleep_for(20ms);
-        os_event_set_event(event);
-        EXPECT_TRUE(kvtest::eventually([&] { return waiters.released == 4; }));
+        const MappedObject memory(shared);
+        int stored = -1;
+        std::memcpy(&stored, memory.bytes + 4, sizeof stored);
+        EXPECT_EQ(stored, id);
+        EXPECT_EQ(memory.bytes[8], 0);
     }
-    os_event_destroy(&event);
+    semaphore.reset();
+    EXPECT_EQ(segmentSize(shared), -1);
+    EXPECT_EQ(semctl(id, 0, IPC_RMID), 0) << "the set outlives the semaphore";
 }
 
-class NamedEvent : public kvtest::SyncManagerTest {};
-
-TEST_F(NamedEvent, ObjectMemoryHasTheConditionLayoutAndGoesWithTheLastHandle) {
-    const std::string shared = name("ev");
-    event_handle* first = os_event_create(true, true, shared.c_str());
-    EXPECT_EQ(kvtest::segmentSize(shared), 104);
-    event_handle* second = os_event_create(false, false, shared.c_str());
-    EXPECT_EQ(kvtest::openCountOf(shared), 2);
-    {
-        kvtest::MappedObject memory(shared);
-        ASSERT_NE(memory.bytes, nullptr);
-        const uint8_t flags[4] = {memory.bytes[100], memory.bytes[101], memory.bytes[102], memory.bytes[103]};
-        EXPECT_EQ(flags[0], 1) << "manual reset";
-        EXPECT_EQ(flags[1], 1) << "state";
-        EXPECT_EQ(flags[2], 0) << "System V flag";
-        EXPECT_EQ(flags[3], 1) << "condition flag";
-    }
-    os_event_destroy(&first);
-    EXPECT_EQ(kvtest::openCountOf(shared), 1);
-    EXPECT_TRUE(os_event_wait_timeout(second, kvtest::pastDeadline())) << "the first creator's arguments hold";
-    os_event_destroy(&second);
-    EXPECT_EQ(kvtest::segmentSize(shared), -1);
-}
-
-TEST_F(NamedEvent, OverlongNameGivesAnUnusableHandle) {
-    const std::string overlong(1024, 'e');
-    event_handle* event = os_event_create(true, true, overlong.c_str());
-    EXPECT_FALSE(os_event_wait(event));
-    os_event_destroy(&event);
-}
-
-TEST_F(NamedEvent, SecondProcessSharesTheStateAndItsArgumentsAreIgnored) {
-    const std::string shared = name("ev");
-    event_handle* event = os_event_create(false, false, shared.c_str());
-    const kvtest::ChildResult child = kvtest::runInChild([&] {
-        event_handle* other = os_event_create(true, true, shared.c_str());
-        const bool clear = !os_event_wait_timeout(other, kvtest::pastDeadline());
-        const bool counted = kvtest::openCountOf(shared) == 2;
-        os_event_set_event(other);
-        os_event_destroy(&other);
-        return clear && counted ? 0 : 1;
-    });
-    EXPECT_TRUE(child.exited && child.exitCode == 0);
-    EXPECT_EQ(kvtest::openCountOf(shared), 1);
-    EXPECT_TRUE(os_event_wait_timeout(event, kvtest::pastDeadline())) << "the other process's set is seen here";
-    EXPECT_FALSE(os_event_wait_timeout(event, kvtest::pastDeadline())) << "automatic reset, as first created";
-    os_event_destroy(&event);
-}
-
-TEST_F(NamedEvent, SetInOneProcessReleasesWaitersInOthers) {
-    const std::string shared = name("ev");
-    event_handle* event = os_event_create(true, false, shared.c_str());
-    kvtest::Signal ready;
-    std::vector<std::unique_ptr<kvtest::Child>> children;
-    for (int i = 0; i < 2; ++i) {
-        children.push_back(std::make_unique<kvtest::Child>([&] {
-            event_handle* other = os_event_create(true, false, shared.c_str());
-            ready.notify();
-            const bool released = os_event_wait(other);
-            os_event_destroy(&other);
-            return released ? 0 : 1;
-        }));
-    }
-    ASSERT_TRUE(ready.waitFor());
-    ASSERT_TRUE(ready.waitFor());
-    std::this_thread::sleep_for(20ms); // let both block
-    os_event_set_event(event);
-    for (auto& child : children) {
-        const kvtest::ChildResult result = child->wait();
-        EXPECT_TRUE(result.exited && result.exitCode == 0);
-    }
-    EXPECT_TRUE(os_event_wait_timeout(event, kvtest::pastDeadline())) << "a manual-reset event stays set";
-    os_event_reset_event(event);
-    EXPECT_FALSE(os_event_wait_timeout(event, kvtest::pastDeadline()));
-    os_event_destroy(&event);
-}
-
-// A process dies holding the event's mutex (offset 4 of the memory): the next
-// operation repairs the mutex and goes on, silently. The repair runs in a
-// child so that a fault fails the test instead of hanging it.
-TEST_F(NamedEvent, OwnerDeathOfTheMutexIsRepairedByTheNextSet) {
-    const std::string shared = name("ev");
-    event_handle* event = os_event_create(false, false, shared.c_str());
-    const kvtest::ChildResult dead = kvtest::runInChild([&] {
-        kvtest::MappedObject memory(shared);
-        pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(memory.bytes + 4));
-        _exit(0); // still mapped: the kernel marks the mutex as its owner's death
-        return 0;
-    });
-    ASSERT_TRUE(dead.exited);
-    const kvtest::ChildResult repairer = kvtest::runInChild(
-        [&] {
-            os_event_set_event(event);
-            return os_event_wait_timeout(event, kvtest::pastDeadline()) ? 0 : 1;
-        },
-        kvtest::kDefaultTimeout, true);
-    EXPECT_TRUE(repairer.exited && repairer.exitCode == 0);
-    EXPECT_EQ(repairer.output, "");
-    os_event_set_event(event);
-    EXPECT_TRUE(os_event_wait_timeout(event, kvtest::pastDeadline())) << "the mutex was left unusable";
-    os_event_destroy(&event);
+TEST(HandleClasses, AreDestroyedThroughAVirtualDestructor) {
+    EXPECT_TRUE(std::has_virtual_destructor<event_handle>::value);
+    EXPECT_TRUE(std::has_virtual_destructor<semaphore_handle>::value);
+    EXPECT_TRUE(std::has_virtual_destructor<rw_mutex_handle>::value);
 }
 
 } // namespace

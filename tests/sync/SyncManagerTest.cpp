@@ -1,189 +1,220 @@
-// The sync manager's life (the names it creates and removes, a second
-// manager), client mode, and how the manager serves memory requests.
+// The sync manager (its names, a second manager, client mode, how it serves
+// requests), the named-object protocol every named kind follows, and the
+// robust lock's report.
 #include <semaphore.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
+#include <signal.h>
+#include <sys/wait.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 
-#include "SyncCoreSupport.h"
-#include "TestSupport.h"
-#include "korvane/sync.h"
+#include "SyncTestSupport.h"
 #include "os/sync/SyncInternal.h"
-
-using namespace kvtest;
-using korvane::sync::kChannelMemoryName;
 
 namespace {
 
-const char kNoChannelOutput[] = "Error: Can not open os_mutex_manage_enabled_semaphore, errno = 2!\n"
-                                "Error: Can not open os_mutex_manage_request_semaphore, errno = 2!\n"
-                                "Error: Can not open os_mutex_manage_finish_semaphore, errno = 2!\n"
-                                "Error: Can not open os_mutex_manage_enabled_sharemomory, errno = 2!\n";
+using namespace korvane::sync;
+using namespace kvtest;
 
-size_t mappingsOfTheChannel() {
-    std::ifstream maps("/proc/self/maps");
-    size_t count = 0;
-    for (std::string line; std::getline(maps, line);)
-        count += line.find("os_mutex_manage_") != std::string::npos;
-    return count;
-}
-
-TEST(SyncManagerLife, StartCreatesTheChannelAndStopRemovesIt) {
+TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     ASSERT_TRUE(presentChannelEntries().empty());
-    EXPECT_FALSE(os_sync_environment_initialize(true));
+    bool running = true;
+    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
+    EXPECT_FALSE(running);
     ASSERT_TRUE(os_sync_environment_initialize(false));
-    EXPECT_TRUE(eventually([] { return presentChannelEntries() == channelEntries(); }));
-    struct stat status;
-    ASSERT_EQ(stat("/dev/shm/os_mutex_manage_enabled_sharemomory", &status), 0);
-    EXPECT_EQ(status.st_size, 1029);
+    EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
+    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+    const int mapped = mappingsOf(kChannelMemoryName);
+    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), "");
+    EXPECT_TRUE(running);
+    EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
+    EXPECT_EQ(runInChild([] { return os_sync_environment_initialize(true) ? 0 : 1; }).exitCode, 0);
     os_sync_environment_uninitialize();
     EXPECT_TRUE(presentChannelEntries().empty());
     os_sync_environment_uninitialize(); // no manager: nothing to do
-
-    // A stopped manager leaves nothing that blocks the next one.
-    ASSERT_TRUE(os_sync_environment_initialize(false));
+    ASSERT_TRUE(os_sync_environment_initialize(false)) << "a stopped manager must not block the next";
     os_sync_environment_uninitialize();
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
 TEST(SyncManagerLife, SecondManagerFailsAndRemovesTheChannelMemoryName) {
     ASSERT_TRUE(presentChannelEntries().empty());
     const ChildResult child = runInChild(
         [] {
-            if (!os_sync_environment_initialize(false) || !eventually([] { return presentChannelEntries().size() == 4; }))
+            if (!os_sync_environment_initialize(false) ||
+                !eventually([] { return presentChannelEntries() == kChannelEntries; }))
                 return 1;
             const bool second = os_sync_environment_initialize(false);
             std::fflush(stdout);
             // The first manager's thread runs on, unreachable: its channel
-            // memory name is gone, its semaphores stay.
-            std::vector<std::string> expected = channelEntries();
-            expected.erase(expected.begin()); // the channel memory's name
-            const bool semaphoresLeft = presentChannelEntries() == expected;
+            // memory's name is gone, its semaphores stay.
+            const bool semaphoresLeft = presentChannelEntries() ==
+                                        std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end());
             os_sync_environment_uninitialize(); // the global is null: nothing happens
             return !second && semaphoresLeft ? 0 : 2;
         },
         10s, true);
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.output, "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    for (const char* name : {"os_mutex_manage_enabled_semaphore", "os_mutex_manage_request_semaphore",
-                             "os_mutex_manage_finish_semaphore"})
+    for (const char* name : {kLockSemaphoreName, kRequestSemaphoreName, kFinishSemaphoreName})
         sem_unlink(name);
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
-TEST(SyncManagerLife, ClientModeWithoutManagerNamesEachMissingResource) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    bool running = true;
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
-    EXPECT_FALSE(running);
-}
-
-using SyncManagerTest = SyncManagerFixture;
-
-TEST_F(SyncManagerTest, ClientModeFindsTheManagerAndLeavesNothingOpen) {
-    const size_t before = mappingsOfTheChannel();
-    bool running = false;
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), "");
-    EXPECT_TRUE(running);
-    EXPECT_EQ(mappingsOfTheChannel(), before);
-    const ChildResult other = runInChild([] { return os_sync_environment_initialize(true) ? 0 : 1; });
-    EXPECT_EQ(other.exitCode, 0);
-}
-
-// Sends one request as any client would; true when the manager answered.
-bool ask(bool create, const std::string& name, uint32_t size = 0) {
+// Sends one request as a client does; true when the manager answered.
+bool ask(uint32_t operation, const std::string& name, uint32_t size = 0) {
     OS::CSyncClient client;
     if (!client.create())
         return false;
     client.lockChannel();
-    const bool answered = create ? client.requestCreate(name.c_str(), size) : client.requestDestroy(name.c_str());
+    bool answered = false;
+    if (operation == kCreateRequest) {
+        answered = client.requestCreate(name.c_str(), size);
+    } else if (operation == kDestroyRequest) {
+        answered = client.requestDestroy(name.c_str());
+    } else {
+        writeMemoryRequest(static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory)),
+                           MemoryRequest{operation, size, name});
+        sem_post(client.requestSemaphore);
+        answered = waitForAnswer(client.finishSemaphore);
+    }
     client.unlockChannel();
     return answered;
 }
 
-TEST_F(SyncManagerTest, CreateRequestMakesTheMemoryOnceAndDestroyRemovesIt) {
-    const std::string name = this->name("served");
-    ASSERT_TRUE(ask(true, name, 64));
-    ASSERT_TRUE(shmExists(name));
-    const std::vector<uint8_t> marker = {1, 2, 3, 4};
-    {
-        sharememory_handle* memory = os_sharememory_open(name.c_str());
-        std::memcpy(os_sharememory_get_buffer(memory), marker.data(), marker.size());
-        os_sharememory_destroy(&memory);
-    }
-    // Asked again (even with another size), the manager hands out what it has.
-    ASSERT_TRUE(ask(true, name, 4096));
-    EXPECT_EQ(segmentBytes(name, 0, 4), marker);
-    struct stat status;
-    ASSERT_EQ(stat(("/dev/shm/" + name).c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, 64);
+class SyncManager : public SyncTest {};
 
-    ASSERT_TRUE(ask(false, name));
-    EXPECT_FALSE(shmExists(name));
-}
-
-TEST_F(SyncManagerTest, RequestsItCannotServeAreAnsweredAndChangeNothing) {
-    const std::string kept = this->name("kept");
-    ASSERT_TRUE(ask(true, kept, 52));
-    struct Case {
-        const char* what;
-        bool create;
+TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
+    const std::string stale = name("stale");
+    sharememory_handle* leftover = os_sharememory_create(stale.c_str(), 16);
+    std::memset(os_sharememory_get_buffer(leftover), 0xFF, 16);
+    os_sharememory_destroy(&leftover);
+    ASSERT_TRUE(ask(kCreateRequest, stale, 52));
+    EXPECT_EQ(segmentSize(stale), 52);
+    const MappedObject taken(stale);
+    EXPECT_EQ(std::count(taken.bytes, taken.bytes + 52, 0), 52) << "a leftover segment is taken over and reset";
+    const std::string served = name("served");
+    ASSERT_TRUE(ask(kCreateRequest, served, 64));
+    MappedObject(served).bytes[0] = 0x5A;
+    ASSERT_TRUE(ask(kCreateRequest, served, 4096));
+    EXPECT_EQ(segmentSize(served), 64) << "an existing memory is handed out as it is";
+    EXPECT_EQ(openCountOf(served), 0x5A) << "and is not cleared";
+    struct Unservable {
+        uint32_t operation;
         std::string name;
         uint32_t size;
     };
-    const std::string sizeless = this->name("sizeless");
-    for (const Case& c : {Case{"destroy of an unknown name", false, this->name("unknown"), 0},
-                          Case{"destroy of an empty name", false, "", 0},
-                          Case{"create of size 0", true, sizeless, 0}, Case{"create of an empty name", true, "", 52}}) {
-        EXPECT_TRUE(ask(c.create, c.name, c.size)) << c.what;
-        EXPECT_TRUE(shmExists(kept)) << c.what;
+    const std::string sizeless = name("sizeless");
+    for (const Unservable& request :
+         {Unservable{kDestroyRequest, name("unknown"), 0}, Unservable{kDestroyRequest, "", 0},
+          Unservable{kCreateRequest, sizeless, 0}, Unservable{kCreateRequest, "", 52}, Unservable{7, served, 0}}) {
+        EXPECT_TRUE(ask(request.operation, request.name, request.size)) << "every request is answered";
+        EXPECT_EQ(segmentSize(served), 64) << "operation " << request.operation << " on '" << request.name << "'";
     }
-    EXPECT_FALSE(shmExists(sizeless));
-
-    // An unknown operation code is answered too.
-    OS::CSyncClient client;
-    ASSERT_TRUE(client.create());
-    client.lockChannel();
-    const uint32_t unknown = 7;
-    std::memcpy(os_sharememory_get_buffer(client.channelMemory), &unknown, sizeof unknown);
-    sem_post(client.requestSemaphore);
-    EXPECT_TRUE(korvane::sync::waitForAnswer(client.finishSemaphore));
-    client.unlockChannel();
-    EXPECT_TRUE(shmExists(kept));
-}
-
-TEST_F(SyncManagerTest, StaleSegmentIsTakenOverAndStopRemovesWhatIsHeld) {
-    const std::string name = this->name("stale");
-    sharememory_handle* stale = os_sharememory_create(name.c_str(), 16);
-    std::memset(os_sharememory_get_buffer(stale), 0xFF, 16);
-    os_sharememory_destroy(&stale);
-    ASSERT_TRUE(ask(true, name, 52));
-    const std::vector<uint8_t> bytes = segmentBytes(name, 0, 52);
-    EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 0), 52) << "a leftover segment is reset";
+    EXPECT_EQ(segmentSize(sizeless), -1);
+    ASSERT_TRUE(ask(kDestroyRequest, served));
+    EXPECT_EQ(segmentSize(served), -1);
     stopManager();
-    EXPECT_FALSE(shmExists(name));
+    EXPECT_EQ(segmentSize(stale), -1) << "stop removes every memory still held";
     EXPECT_TRUE(presentChannelEntries().empty());
 }
 
-TEST_F(SyncManagerTest, FullLifeLeavesNothingInDevShm) {
-    const std::string name = this->name("tidy");
-    mutex_handle* mine = os_mutex_create(name.c_str());
-    recursive_mutex_handle* recursive = os_recursive_mutex_create(this->name("tidy_recursive").c_str());
-    const ChildResult child = runInChild([&] {
-        mutex_handle* theirs = os_mutex_create(name.c_str());
-        os_mutex_lock(theirs);
-        os_mutex_unlock(theirs);
-        os_mutex_destroy(&theirs);
+class NamedObjectProtocol : public SyncTest {};
+
+TEST_F(NamedObjectProtocol, LongestNameReachesTheManagerWithinTheMappingOneMoreNeverDoes) {
+    const std::string longest(kMaximumNameLength, 'L');
+    NamedObject named;
+    // The manager cannot make a file of that name, but it got the whole name.
+    EXPECT_FALSE(createOrOpenNamedObject(named, longest.c_str(), 52, nullptr, nullptr));
+    const MappedObject channel(kChannelMemoryName);
+    const std::vector<uint8_t> request(channel.bytes, channel.bytes + 8 + longest.size() + 1);
+    EXPECT_EQ(request[0], kCreateRequest);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(request.data() + 8)), longest);
+    EXPECT_FALSE(createOrOpenNamedObject(named, (longest + "T").c_str(), 60, nullptr, nullptr));
+    EXPECT_EQ(std::vector<uint8_t>(channel.bytes, channel.bytes + request.size()), request)
+        << "a longer name never reaches the channel";
+    // Requests are written and read no further than the mapping.
+    std::vector<uint8_t> buffer(channelMappedBytes(), 'z');
+    const MemoryRequest tooLong{kDestroyRequest, 0, std::string(channelMappedBytes() - 4, 'x')};
+    EXPECT_FALSE(writeMemoryRequest(buffer.data(), tooLong));
+    EXPECT_EQ(std::count(buffer.begin(), buffer.end(), 'z'), static_cast<long>(buffer.size()));
+    std::memcpy(buffer.data(), &tooLong.operation, sizeof tooLong.operation);
+    EXPECT_EQ(readMemoryRequest(buffer.data()).name.size(), channelMappedBytes() - 4) << "a name without NUL";
+}
+
+TEST_F(NamedObjectProtocol, ReleaseWithoutTheManagerKeepsTheCountAndUnmaps) {
+    NamedObject named;
+    ASSERT_TRUE(createOrOpenNamedObject(named, name("orphan").c_str(), 16, nullptr, nullptr));
+    stopManager();
+    bool destroyed = false;
+    EXPECT_EQ(captureStdout([&] { releaseNamedObject(named, [&](uint8_t*) { destroyed = true; }); }), kNoChannelOutput);
+    EXPECT_FALSE(destroyed);
+    EXPECT_EQ(named.memory, nullptr);
+}
+
+// The lock semaphore's value, as any process sees it.
+int lockValue() {
+    sem_t* lock = sem_open(kLockSemaphoreName, 0);
+    int value = -1;
+    sem_getvalue(lock, &value);
+    sem_close(lock);
+    return value;
+}
+
+// A manager that does not answer: the process running it is stopped.
+TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndRemoveNothing) {
+    ASSERT_TRUE(presentChannelEntries().empty());
+    Signal running;
+    Child manager([&] {
+        const auto channelReady = [] { return presentChannelEntries() == kChannelEntries; };
+        if (!os_sync_environment_initialize(false) || !eventually(channelReady))
+            return 1;
+        running.notify();
+        raise(SIGSTOP);
+        os_sync_environment_uninitialize();
         return 0;
     });
-    EXPECT_EQ(child.exitCode, 0);
-    os_mutex_destroy(&mine);
-    os_recursive_mutex_destroy(&recursive);
-    EXPECT_TRUE(shmEntriesContaining(namePrefix()).empty());
-    stopManager();
-    EXPECT_TRUE(presentChannelEntries().empty());
+    int status = 0;
+    ASSERT_TRUE(running.waitFor() && waitpid(manager.pid(), &status, WUNTRACED) == manager.pid());
+    const std::string unanswered = uniqueName("unanswered");
+    NamedObject named;
+    bool initialised = false;
+    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr,
+                                         [&](uint8_t*, key_t) { initialised = true; }));
+    EXPECT_FALSE(initialised);
+    EXPECT_EQ(named.memory, nullptr);
+    EXPECT_EQ(lockValue(), 1) << "the lock semaphore must be given back";
+    // A late answer to an earlier request is taken for the answer; the memory
+    // being there, the open succeeds. The release's destroy request then goes
+    // unanswered: the memory is unmapped, its name stays.
+    sharememory_handle* made = os_sharememory_create(unanswered.c_str(), 52);
+    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
+    sem_post(finish);
+    sem_close(finish);
+    ASSERT_TRUE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr, nullptr));
+    int destroyed = 0;
+    releaseNamedObject(named, [&](uint8_t*) { ++destroyed; });
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(named.memory, nullptr);
+    EXPECT_EQ(lockValue(), 1);
+    EXPECT_EQ(openCountOf(unanswered), 0);
+    EXPECT_EQ(segmentSize(unanswered), 52) << "without the manager's answer the client removes nothing";
+    os_sharememory_close(made, true);
+    os_sharememory_destroy(&made);
+    kill(manager.pid(), SIGCONT);
+    EXPECT_EQ(manager.wait().exitCode, 0);
+}
+
+TEST(RobustLock, ReportsAnErrorItCannotRepair) {
+    pthread_mutex_t mutex;
+    initialiseMutex(&mutex, PTHREAD_MUTEX_ERRORCHECK, false);
+    ASSERT_TRUE(robustLock(&mutex));
+    bool again = true;
+    const std::string printed = captureStdout([&] { again = robustLock(&mutex); });
+    EXPECT_EQ(printed, "mutex lock error:" + std::to_string(EDEADLK) + ".\n");
+    EXPECT_FALSE(again);
+    pthread_mutex_unlock(&mutex);
+    pthread_mutex_destroy(&mutex);
+    EXPECT_FALSE(robustLock(nullptr));
 }
 
 } // namespace

@@ -1,0 +1,120 @@
+// Helpers of the synchronisation tests: a fixture running the sync manager,
+// deadlines, views of /dev/shm and of named object memories, a pipe on which
+// workers report, and workers that are threads or forked processes.
+#ifndef KORVANE_TESTS_SYNC_TEST_SUPPORT_H
+#define KORVANE_TESTS_SYNC_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "korvane/sync.h"
+
+namespace kvtest {
+
+// Absolute monotonic deadlines: `offset` from now, one only a fault reaches,
+// one already past.
+timespec monotonicDeadline(std::chrono::milliseconds offset);
+inline timespec boundedDeadline() {
+    return monotonicDeadline(kDefaultTimeout);
+}
+inline timespec pastDeadline() {
+    return monotonicDeadline(std::chrono::milliseconds(-5));
+}
+
+// The sync channel's names as /dev/shm shows them, and those present now;
+// what a client prints when none is there.
+extern const std::vector<std::string> kChannelEntries;
+std::vector<std::string> presentChannelEntries();
+extern const std::string kNoChannelOutput;
+
+// Of /dev/shm/<name>: the size, the open count at offset 0 (-1 when absent),
+// and how many times this process maps it.
+int64_t segmentSize(const std::string& name);
+int64_t openCountOf(const std::string& name);
+int mappingsOf(const std::string& name);
+// The segment mapped whole (through the library); bytes is null when absent.
+struct MappedObject {
+    explicit MappedObject(const std::string& name) : memory(os_sharememory_open(name.c_str())) {}
+    ~MappedObject() { os_sharememory_destroy(&memory); }
+    MappedObject(const MappedObject&) = delete;
+    MappedObject& operator=(const MappedObject&) = delete;
+    sharememory_handle* memory;
+    uint8_t* const bytes = static_cast<uint8_t*>(os_sharememory_get_buffer(memory));
+};
+
+// ftok of "/dev/shm/<name>", as the library keys its System V semaphores.
+key_t memoryFileKey(const std::string& name);
+bool systemVSemaphoreExists(key_t key);
+
+// One-way signal between workers (threads or forked processes).
+class Signal {
+public:
+    Signal();
+    ~Signal();
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+    void notify();
+    bool waitFor(std::chrono::milliseconds timeout = kDefaultTimeout);
+
+private:
+    int m_fds[2] = {-1, -1};
+};
+
+// `body` in a thread or in a forked process: what holds for a private object
+// between threads holds for a named one between processes. Bodies bound their
+// own waits; a process is killed after kDefaultTimeout.
+class Worker {
+public:
+    Worker(bool process, std::function<int()> body);
+    ~Worker() { result(); }
+    // The body's result or exit code; -1 when it did not end.
+    int result();
+
+private:
+    std::unique_ptr<Child> m_child;
+    std::thread m_thread;
+    int m_result = -1;
+};
+
+// Makes a named handle (an owning pointer) with `make`, again while it did not
+// map its memory, at most five times: a sync manager starved of processor
+// time (an emulated machine on a busy host) misses its 100 ms answer deadline,
+// which leaves a handle unusable by design. Tests of what an object does,
+// rather than of how it is made, must not fail on that.
+template <class Make>
+auto openMapped(const std::string& name, Make make) -> decltype(make()) {
+    for (int attempt = 1;; ++attempt) {
+        const int before = mappingsOf(name);
+        auto handle = make();
+        if (mappingsOf(name) > before || attempt == 5)
+            return handle;
+    }
+}
+
+// Runs the sync manager for each test; removes what a failing test left under
+// the names it took from name() (memories, System V semaphores).
+class SyncTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    std::string name(const std::string& tag);
+    void stopManager();
+
+private:
+    bool m_running = false;
+    std::vector<std::string> m_names;
+};
+
+} // namespace kvtest
+
+#endif

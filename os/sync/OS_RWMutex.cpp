@@ -117,6 +117,13 @@ void rw_mutex_handle::destroyThreadRWMutexOnPosix() {
 }
 
 void rw_mutex_handle::destroyProcessRWMutexOnPosix() {
+    // A first reader whose release was refused (see takeHoldMutex) still owns
+    // the hold mutex, and glibc keeps every robust mutex a thread owns on that
+    // thread's list, writing into the list's entries on its later robust
+    // locks. Left there, the entry would be written after this memory is
+    // unmapped. Give the hold mutex up here when this thread owns it; the
+    // unlock is refused when it does not.
+    unlockMutex(m_hold);
     korvane::sync::releaseNamedObject(m_named, [this](uint8_t*) { destroyInPlace(); });
     m_readers = m_writer = nullptr;
     m_gate = m_hold = nullptr;

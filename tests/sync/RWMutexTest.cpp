@@ -1,6 +1,10 @@
 // Reader-writer mutexes, thread-local between threads and named between
 // processes: readers share, a writer excludes, readers go first.
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 
@@ -11,6 +15,16 @@ namespace {
 
 using namespace kvtest;
 using OwnedLock = Owned<rw_mutex_handle, os_rw_mutex_destroy>;
+
+// The first entry of this thread's list of robust mutexes it holds, as the
+// kernel has it; null where the list cannot be read (an emulator).
+const void* firstRobustEntry() {
+    robust_list_head* head = nullptr;
+    size_t length = 0;
+    if (syscall(SYS_get_robust_list, 0, &head, &length) != 0 || head == nullptr)
+        return nullptr;
+    return head->list.next;
+}
 
 // The parameter: a named lock (true) or a thread-local one.
 class RWMutex : public SyncTest, public ::testing::WithParamInterface<bool> {
@@ -68,8 +82,12 @@ TEST_P(RWMutex, WriterWaitsForEveryReaderWhileLaterReadersGoFirst) {
 }
 
 // A named lock's hold mutex refuses an unlock by a reader that did not take
-// it: the lock must stay usable when the last reader is not the first.
+// it: the lock must stay usable when the last reader is not the first, and
+// this thread, the first reader, must not keep the hold mutex on its list of
+// robust mutexes once the lock's memory is unmapped (glibc writes into that
+// list's entries on every later robust lock).
 TEST_P(RWMutex, WriterGetsTheLockWhenTheLastReaderIsNotTheFirstAndKeepsReadersOut) {
+    const void* robustEntry = firstRobustEntry();
     os_rw_mutex_lock_rd(m_lock.get());
     Signal readerIn, readerGo, writerIn, writerGo, laterIn, laterGo;
     const auto reader = locker(false, readerIn, readerGo);
@@ -86,6 +104,8 @@ TEST_P(RWMutex, WriterGetsTheLockWhenTheLastReaderIsNotTheFirstAndKeepsReadersOu
     laterGo.notify();
     EXPECT_EQ(writer->result(), 0);
     EXPECT_EQ(later->result(), 0);
+    m_lock.reset();
+    EXPECT_EQ(firstRobustEntry(), robustEntry);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RWMutex, ::testing::Bool(), [](const ::testing::TestParamInfo<bool>& info) {

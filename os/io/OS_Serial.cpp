@@ -257,11 +257,17 @@ public:
             const ssize_t received = transfer.result;
             if (received < 1) {
                 // Nothing there on the non-blocking port: wait for more, or
-                // give up when the line stays quiet.
-                if (os_serial_select(m_port, milliseconds))
+                // give up when the line stays quiet. A line that hung up stays
+                // readable to select but every read comes back empty, which
+                // would spin for ever: after a few readable-but-empty rounds
+                // in a row the read ends as on a quiet line.
+                if (m_emptyReadableRounds < kEmptyReadableRoundsAllowed && os_serial_select(m_port, milliseconds)) {
+                    ++m_emptyReadableRounds;
                     continue;
+                }
                 return quietLineResult(out);
             }
+            m_emptyReadableRounds = 0;
             append(static_cast<int>(received));
             if (m_found) {
                 m_total += static_cast<int>(received);
@@ -317,8 +323,11 @@ private:
     const int m_size;
     const unsigned char* const m_header;
     const int m_headerLength;
+    static constexpr int kEmptyReadableRoundsAllowed = 3;
+
     bool m_found;
-    int m_total = 0; // bytes of the frame so far
+    int m_emptyReadableRounds = 0; // readable by select, then nothing read
+    int m_total = 0;               // bytes of the frame so far
     int m_acc = 0;   // bytes received so far
     std::unique_ptr<unsigned char[]> m_accumulated;
     std::unique_ptr<unsigned char[]> m_transfer;

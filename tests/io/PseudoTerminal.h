@@ -22,7 +22,7 @@ public:
             throw std::runtime_error("no pseudo-terminal");
         m_slavePath = name;
     }
-    ~PseudoTerminal() { close(m_master); }
+    ~PseudoTerminal() { hangUp(); }
     PseudoTerminal(const PseudoTerminal&) = delete;
     PseudoTerminal& operator=(const PseudoTerminal&) = delete;
     const char* slavePath() const { return m_slavePath.c_str(); }
@@ -40,6 +40,13 @@ public:
         for (ssize_t n; poll(&ready, 1, quietMs) == 1 && (n = read(m_master, chunk, sizeof chunk)) > 0;)
             bytes.insert(bytes.end(), chunk, chunk + n);
         return bytes;
+    }
+
+    // Closes the far end: the line hangs up.
+    void hangUp() {
+        if (m_master >= 0)
+            close(m_master);
+        m_master = -1;
     }
 
 private:

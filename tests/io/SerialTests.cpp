@@ -115,6 +115,22 @@ TEST_F(SerialLine, WrittenFrameArrivesRaw) {
     EXPECT_EQ(Bytes(received.end() - 8, received.end()), frame);
 }
 
+// A hung-up line stays readable to select but never gives data again: the
+// read must end, not spin. It runs in a child so a spinning read fails the
+// test instead of hanging it.
+TEST_F(SerialLine, ReadEndsWhenTheFarEndHangsUp) {
+    ASSERT_TRUE(m_line.send({0xAA}));
+    m_line.hangUp();
+    const kvtest::ChildResult child = kvtest::runInChild(
+        [&] {
+            Bytes frame;
+            return readFrame(frame, kHeader, 50) <= 0 ? 0 : 1;
+        },
+        std::chrono::seconds(10));
+    EXPECT_FALSE(child.timedOut) << "the read kept waiting on a line that hung up";
+    EXPECT_TRUE(child.exited && child.exitCode == 0);
+}
+
 TEST_F(SerialLine, SelectPurgeCloseAndBadArguments) {
     EXPECT_FALSE(os_serial_select(m_port, 20));
     ASSERT_TRUE(m_line.send({1, 2}));

@@ -55,17 +55,18 @@ fi
 
 is_elf() { [ "$(head -c 4 "$1" 2>/dev/null | od -An -c | tr -d ' ')" = '177ELF' ]; }
 
-# Every GoogleTest executable the build produced under tests/, whatever its name.
+# Every test executable the build defines (the list CMake writes), not
+# whatever lies in the tree: suites that were removed leave stale binaries.
 test_executables() {
-  find "$build_dir/tests" -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print 2>/dev/null |
-    LC_ALL=C sort | while read -r file; do
-      is_elf "$file" && grep -qa 'gtest_list_tests' "$file" && echo "$file"
-    done
+  [ -f "$build_dir/test-executables.txt" ] || return 0
+  LC_ALL=C sort "$build_dir/test-executables.txt" | while read -r file; do
+    [ -n "$file" ] && is_elf "$file" && echo "$file"
+  done
 }
 
 mapfile -t executables < <(test_executables | grep -E "/[^/]*(${KORVANE_ARM64_ONLY:-.})[^/]*$")
 [ ${#executables[@]} -gt 0 ] ||
-  fail "no test executables under $build_dir/tests (build them with: cmake --preset aarch64 && cmake --build --preset aarch64)"
+  fail "no test executables listed in $build_dir/test-executables.txt (build them with: cmake --preset aarch64 && cmake --build --preset aarch64)"
 
 "$helpers/fetch.sh" "$cache"
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "common/UniqueDescriptor.h"
 #include "korvane/fs.h"
 #include "os/fs/FsInternal.h"
 
@@ -37,22 +38,7 @@ using korvane::fs::isUsablePath;
 using korvane::fs::kAllPermissions;
 
 // A descriptor opened through the wrappers, closed through them on scope exit.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd != -1)
-            os_clibrary_file_close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    bool isOpen() const { return m_fd != -1; }
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
+using Descriptor = korvane::UniqueDescriptor<os_clibrary_file_close>;
 
 constexpr unsigned int kCopyBufferSize = 8192;
 

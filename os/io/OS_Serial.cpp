@@ -15,30 +15,13 @@
 #include <memory>
 #include <new>
 
+#include "common/UniqueDescriptor.h"
 #include "korvane/io.h"
 
 namespace {
 
-// Closes a descriptor unless it was handed on with release().
-class PortGuard {
-public:
-    explicit PortGuard(int port) : m_port(port) {}
-    ~PortGuard() {
-        if (m_port != -1)
-            close(m_port);
-    }
-    PortGuard(const PortGuard&) = delete;
-    PortGuard& operator=(const PortGuard&) = delete;
-    int get() const { return m_port; }
-    int release() {
-        const int port = m_port;
-        m_port = -1;
-        return port;
-    }
-
-private:
-    int m_port;
-};
+// The port being opened: closed on a refusal, handed to the caller on success.
+using PortGuard = korvane::UniqueDescriptor<close>;
 
 // Parity codes as existing callers pass them. Code 2 clears the stop-bit
 // flag too, but the stop-bit code is applied afterwards and decides it.

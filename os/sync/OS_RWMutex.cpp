@@ -1,7 +1,8 @@
 // Reader-writer mutexes: a reader count and a writer flag guarded by the gate
-// mutex, a hold mutex taken by the first reader or the writer, and a
-// condition broadcast whenever the lock becomes free. Readers are admitted
-// whenever no writer holds the lock, even while a writer waits.
+// mutex, a hold mutex taken by the first reader or the writer (only checked,
+// not kept, in a named lock), and a condition broadcast whenever the lock
+// becomes free. Readers are admitted whenever no writer holds the lock, even
+// while a writer waits.
 //
 // Named object memory (offsets from the start of the memory), request size
 // 152. Other processes rely on these offsets, although 12, 60 and 108 are
@@ -117,13 +118,6 @@ void rw_mutex_handle::destroyThreadRWMutexOnPosix() {
 }
 
 void rw_mutex_handle::destroyProcessRWMutexOnPosix() {
-    // A first reader whose release was refused (see takeHoldMutex) still owns
-    // the hold mutex, and glibc keeps every robust mutex a thread owns on that
-    // thread's list, writing into the list's entries on its later robust
-    // locks. Left there, the entry would be written after this memory is
-    // unmapped. Give the hold mutex up here when this thread owns it; the
-    // unlock is refused when it does not.
-    unlockMutex(m_hold);
     korvane::sync::releaseNamedObject(m_named, [this](uint8_t*) { destroyInPlace(); });
     m_readers = m_writer = nullptr;
     m_gate = m_hold = nullptr;
@@ -149,10 +143,8 @@ void rw_mutex_handle::releaseAndWake() {
         m_sharedCondition->broadcast();
     else
         pthread_cond_broadcast(m_condition);
-    // When the last reader is not the one that took the hold mutex, a robust
-    // (named) hold mutex refuses this unlock and stays with its first owner.
-    // The result is ignored on purpose: exclusion rests on the count, the
-    // flag and the condition alone (see takeHoldMutex).
+    // A named lock does not keep its hold (see takeHoldMutex), so there the
+    // platform refuses this unlock; the result is ignored on purpose.
     unlockMutex(m_hold);
     unlockMutex(m_gate);
 }
@@ -215,18 +207,25 @@ bool acceptTrylock(int result) {
 } // namespace
 
 // Takes the hold mutex without waiting for it. The count and the flag say the
-// lock is free here, so the only possible holder is an earlier first reader
-// whose release was refused: a robust (named) mutex accepts an unlock only
-// from its owner, and the last reader out need not be the first one in. A
-// blocking lock would wait for that reader for ever while holding the gate,
-// and every process sharing the lock would stop. A hold left by a process
-// that died is repaired and taken.
+// lock is free here, so a thread-local hold is always free. A named hold is a
+// robust mutex, and a robust mutex can be released only by the thread that
+// owns it, while the last reader out is often not the first one in. Kept by
+// the first reader, it would block the next writer for ever (holding the
+// gate, so every process sharing the lock would stop), and it would stay on
+// that reader's list of robust mutexes after the memory is unmapped, where
+// glibc writes into it on the thread's next robust lock. So a named lock only
+// checks its hold: a hold left by a process that died is repaired, and the
+// hold is let go at once. Exclusion rests on the count, the flag and the
+// condition either way.
 void rw_mutex_handle::takeHoldMutex() {
     const int result = pthread_mutex_trylock(m_hold);
     if (result != EOWNERDEAD)
         acceptTrylock(result);
     else if (pthread_mutex_consistent(m_hold) != 0)
         std::puts("mutex lock fixed failed!");
+    const bool taken = result == 0 || result == EOWNERDEAD;
+    if (taken && m_named.memory != nullptr)
+        unlockMutex(m_hold);
 }
 
 // After repairing a mutex whose owner died, robustLock takes it back with a

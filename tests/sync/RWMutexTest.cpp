@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "NamedKinds.h"
 #include "SyncTestSupport.h"
@@ -106,6 +107,38 @@ TEST_P(RWMutex, WriterGetsTheLockWhenTheLastReaderIsNotTheFirstAndKeepsReadersOu
     EXPECT_EQ(later->result(), 0);
     m_lock.reset();
     EXPECT_EQ(firstRobustEntry(), robustEntry);
+}
+
+// The first reader is another thread of this process and this thread reads
+// last. A robust hold mutex could be released only by its owner, so the first
+// reader must not keep it: on its list of robust mutexes it would stay after
+// the lock's memory is gone, and glibc writes into that list on the thread's
+// next robust lock.
+class NamedRWMutexHold : public SyncTest {};
+
+TEST_F(NamedRWMutexHold, FirstReaderThreadKeepsNoRobustEntry) {
+    const std::string shared = name("rw");
+    OwnedLock lock = openMapped(shared, [&] { return OwnedLock(os_rw_mutex_create(shared.c_str())); });
+    Signal firstIn, firstGo, firstOut;
+    const void* before = nullptr;
+    const void* after = nullptr;
+    std::thread first([&] {
+        before = firstRobustEntry();
+        os_rw_mutex_lock_rd(lock.get());
+        firstIn.notify();
+        firstGo.waitFor();
+        os_rw_mutex_unlock(lock.get()); // leaves first
+        after = firstRobustEntry();
+        firstOut.notify();
+    });
+    ASSERT_TRUE(firstIn.waitFor());
+    os_rw_mutex_lock_rd(lock.get());
+    firstGo.notify();
+    const bool firstLeft = firstOut.waitFor();
+    os_rw_mutex_unlock(lock.get()); // the last reader is not the first
+    first.join();
+    ASSERT_TRUE(firstLeft);
+    EXPECT_EQ(after, before) << "the first reader still holds the hold mutex";
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RWMutex, ::testing::Bool(), [](const ::testing::TestParamInfo<bool>& info) {

@@ -120,8 +120,9 @@ KORVANE_API void os_event_reset_event(event_handle* handle);
 // True when the event was set and this wait consumed or passed it; false at
 // once for a null or unusable handle.
 KORVANE_API bool os_event_wait(event_handle* handle);
-// True when the event was set before the deadline (a deadline already past
-// still takes a set event); false on time-out, null or unusable handle.
+// True when the event was set before the deadline (a deadline already past,
+// or one whose nanoseconds are out of range, still takes a set event); false
+// on time-out, null or unusable handle.
 KORVANE_API bool os_event_wait_timeout(event_handle* handle, struct timespec deadline);
 
 // ---------------------------------------------------------------------------

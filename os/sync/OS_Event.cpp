@@ -229,7 +229,12 @@ bool event_handle::wait() {
 bool event_handle::waitUntil(const timespec& deadline) {
     if (!usable() || !lockMutex())
         return false;
-    while (*m_state == 0 && blockUntil(deadline)) {
+    // A deadline whose nanoseconds are out of range names no instant: the
+    // condition waits refuse it at once, so the loop would spin with the
+    // mutex held (keeping every setter out) until its seconds came round. It
+    // counts as passed, in every mode alike.
+    const bool waitable = deadline.tv_nsec >= 0 && deadline.tv_nsec < 1000000000L;
+    while (waitable && *m_state == 0 && blockUntil(deadline)) {
     }
     const bool result = consumeState();
     unlockMutex();

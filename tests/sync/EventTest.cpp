@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "SyncTestSupport.h"
+#include "korvane/system.h"
 #include "os/sync/SyncObjects.h"
 
 namespace {
@@ -63,6 +64,23 @@ TEST_P(EventMechanisms, ResetRulesHold) {
                 EXPECT_EQ(event->waitUntil(pastDeadline()), *step == '1') << run.steps << " step " << step - run.steps;
         }
     }
+}
+
+// A deadline whose nanoseconds are out of range cannot be waited for: the
+// wait answers at once, as past its deadline, instead of spinning with the
+// event's mutex held until the deadline's seconds come round.
+TEST_P(EventMechanisms, MalformedDeadlineCountsAsPassed) {
+    const auto event = openEvent(GetParam(), false, false, name("ev"));
+    timespec malformed{};
+    os_clock_get_time(CLOCK_MONOTONIC, &malformed);
+    malformed.tv_sec += 60;
+    malformed.tv_nsec = 1000000000L;
+    const ChildResult waiter =
+        runInChild([&] { return event->waitUntil(malformed) ? 1 : 0; }, std::chrono::seconds(10));
+    EXPECT_FALSE(waiter.timedOut) << "the wait spun until its malformed deadline";
+    EXPECT_EQ(waiter.exitCode, 0);
+    event->set();
+    EXPECT_TRUE(event->waitUntil(malformed)) << "a set event is still taken";
 }
 
 // Waiters block (threads on an unnamed event, processes opening a named one),

@@ -17,8 +17,6 @@
 #include <thread>
 
 namespace kvtest {
-namespace {
-
 std::string readAll(int fd) {
     std::string text;
     char buffer[4096];
@@ -34,7 +32,21 @@ std::string readAll(int fd) {
     }
 }
 
-} // namespace
+bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status) {
+    status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR))
+            return false;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return true;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+}
 
 Child::Child(std::function<int()> body, bool captureStdout) {
     int pipeFds[2] = {-1, -1};
@@ -85,21 +97,7 @@ ChildResult Child::wait(std::chrono::milliseconds timeout) {
     if (m_outputFd >= 0)
         reader = std::thread([this, &output] { output = readAll(m_outputFd); });
     int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const pid_t done = waitpid(m_pid, &status, WNOHANG);
-        if (done == m_pid)
-            break;
-        if (done < 0 && errno != EINTR)
-            break;
-        if (std::chrono::steady_clock::now() >= deadline) {
-            result.timedOut = true;
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
+    result.timedOut = reapWithin(m_pid, timeout, status);
     m_reaped = true;
     if (reader.joinable())
         reader.join();

@@ -45,6 +45,12 @@ private:
     bool m_reaped = false;
 };
 
+// Everything readable from `fd` until end of file (EINTR resumed).
+std::string readAll(int fd);
+// Reaps `pid`, waiting at most `timeout` and then killing it with SIGKILL.
+// `status` receives its wait status; true when it had to be killed.
+bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status);
+
 // Runs `body` in a child and waits for it.
 ChildResult runInChild(std::function<int()> body, std::chrono::milliseconds timeout = kDefaultTimeout,
                        bool captureStdout = false);

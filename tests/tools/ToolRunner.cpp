@@ -1,5 +1,7 @@
 #include "ToolRunner.h"
 
+#include "TestSupport.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -57,15 +59,7 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
 }
 
 std::string drain(int fd) {
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) != 0) {
-        if (n > 0)
-            text.append(buffer, static_cast<size_t>(n));
-        else if (errno != EINTR)
-            break;
-    }
+    std::string text = readAll(fd);
     close(fd);
     return text;
 }
@@ -76,16 +70,8 @@ ToolResult finish(pid_t pid, int out, int err, std::chrono::milliseconds timeout
     ToolResult result;
     std::thread outReader([&] { result.out = drain(out); });
     std::thread errReader([&] { result.err = drain(err); });
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    reapWithin(pid, timeout, status);
     outReader.join();
     errReader.join();
     if (WIFEXITED(status))

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "korvane/sync.h"
+#include "korvane/system.h"
 
 namespace korvane_tools {
 namespace {
@@ -57,10 +58,10 @@ private:
 
 struct timespec realtimeDeadline(std::chrono::milliseconds timeout) {
     struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    const long long nanoseconds = deadline.tv_nsec + static_cast<long long>(timeout.count()) * 1000000LL;
-    deadline.tv_sec += static_cast<time_t>(nanoseconds / 1000000000LL);
-    deadline.tv_nsec = static_cast<long>(nanoseconds % 1000000000LL);
+    os_clock_get_time(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += static_cast<time_t>(timeout.count() / 1000);
+    deadline.tv_nsec += static_cast<long>(timeout.count() % 1000) * 1000000L;
+    os_clock_adjust_clock_time(&deadline);
     return deadline;
 }
 

@@ -30,16 +30,16 @@ public:
     bool isOpen() const { return m_dir != nullptr; }
     const dirent* next() { return readdir(m_dir); }
 
-    // What lstat on `fullPath` gives for the entry `name` of this folder, or a
-    // zeroed record when it fails. Asked relative to the open folder, so the
-    // kernel does not resolve the whole path again for every entry (this keeps
-    // the walk as fast as nftw). A full path lstat would refuse as too long is
-    // refused here too, so such an entry is reported the same way.
-    struct stat examine(const std::string& fullPath, const char* name) const {
+    // Whether `entry` of this folder is a folder, links not followed, or
+    // false when it cannot be examined. The type the listing gives is used
+    // where the file system fills it in; otherwise the entry is asked for
+    // relative to the open folder, so the kernel does not resolve the whole
+    // path again (that keeps the walk well ahead of nftw).
+    bool holdsFolder(const dirent& entry) const {
+        if (entry.d_type != DT_UNKNOWN)
+            return entry.d_type == DT_DIR;
         struct stat status {};
-        if (fullPath.length() >= PATH_MAX || fstatat(dirfd(m_dir), name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-            status = {};
-        return status;
+        return fstatat(dirfd(m_dir), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
     }
 
 private:
@@ -85,23 +85,38 @@ private:
         const size_t folderLength = m_path.length();
         // The children of a folder whose relative path is empty are just their names.
         const bool needsSlash = folderLength > m_root.length();
+        // Each entry is examined at root + relative path. That is the listed
+        // entry itself unless the relative path is empty and the root ends
+        // in a backslash: root "w\" with entry "sub" names the sibling
+        // "w\sub", not the "sub" inside the folder.
+        const bool inPlace = needsSlash || (!m_root.empty() && m_root.back() == '/');
         while (const dirent* entry = folder.next()) {
             if (isDotOrDotDot(entry->d_name))
                 continue;
             if (needsSlash)
                 m_path += '/';
             m_path += entry->d_name;
-            visitEntry(folder.examine(m_path, entry->d_name), depth);
+            visitEntry(inPlace ? isFolderInPlace(folder, *entry) : isFolderAtFullPath(), depth);
             m_path.resize(folderLength);
         }
     }
 
-    // m_path holds root + relative path of the entry, `status` its lstat
-    // record: links are never followed, so a link to a folder is a file and a
-    // link loop cannot trap the walk. An entry that could not be examined has
-    // mode 0 and is reported as a file.
-    void visitEntry(const struct stat& status, unsigned int depth) {
-        if ((status.st_mode & S_IFMT) == S_IFDIR)
+    // A full path lstat would refuse as too long counts as a file wherever
+    // the entry is examined.
+    bool isFolderInPlace(const DirectoryStream& folder, const dirent& entry) const {
+        return m_path.length() < PATH_MAX && folder.holdsFolder(entry);
+    }
+
+    bool isFolderAtFullPath() const {
+        struct stat status {};
+        return lstat(m_path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+
+    // m_path holds root + relative path of the entry. Links are never
+    // followed, so a link to a folder is a file and a link loop cannot trap
+    // the walk; an entry that could not be examined is a file too.
+    void visitEntry(bool isFolder, unsigned int depth) {
+        if (isFolder)
             walkFolder(depth + 1);
         else if (m_callback != nullptr)
             m_callback->onFile(relativePath(), m_root.c_str());

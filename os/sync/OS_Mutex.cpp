@@ -7,6 +7,8 @@
 // The two classes differ only in the mutex type.
 #include <pthread.h>
 
+#include <cstdio>
+
 #include "korvane/sync.h"
 #include "os/sync/SyncInternal.h"
 #include "common/HandleFrame.h"
@@ -26,10 +28,29 @@ public:
     MutexHandle(const MutexHandle&) = delete;
     MutexHandle& operator=(const MutexHandle&) = delete;
 
-    void lock() const;
-    void unlock() const;
+    // Inline, so that a private mutex costs one call more than the POSIX
+    // lock itself: a private mutex has no owner that can die, so it needs
+    // none of the repair a named one may.
+    void lock() const {
+        if (m_named.memory == nullptr && m_mutex != nullptr)
+            lockPrivate(m_mutex);
+        else
+            lockNamed();
+    }
+    void unlock() const {
+        if (m_mutex != nullptr)
+            pthread_mutex_unlock(m_mutex);
+    }
 
 private:
+    static void lockPrivate(pthread_mutex_t* mutex) {
+        const int result = pthread_mutex_lock(mutex);
+        if (__builtin_expect(result != 0, 0))
+            reportLockError(result);
+    }
+    static void reportLockError(int result);
+    void lockNamed() const;
+
     NamedObject m_named;                // name, then the named object memory
     pthread_mutex_t* m_mutex = nullptr; // null when the handle is unusable
 };
@@ -59,16 +80,15 @@ MutexHandle::~MutexHandle() {
     m_mutex = nullptr;
 }
 
-void MutexHandle::lock() const {
+void MutexHandle::reportLockError(int result) {
+    std::printf("mutex lock error:%d.\n", result);
+}
+
+void MutexHandle::lockNamed() const {
     // The caller is told nothing: a failed repair or a lock error shows only
     // in the message robustLock prints.
     if (m_mutex != nullptr)
         robustLock(m_mutex);
-}
-
-void MutexHandle::unlock() const {
-    if (m_mutex != nullptr)
-        pthread_mutex_unlock(m_mutex);
 }
 
 } // namespace

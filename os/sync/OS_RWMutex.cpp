@@ -1,7 +1,7 @@
-// Reader-writer mutexes: a reader count and a writer flag guarded by the gate
-// mutex, a hold mutex taken by the first reader or the writer (only checked,
-// not kept, in a named lock), and a condition broadcast whenever the lock
-// becomes free. Readers are admitted whenever no writer holds the lock, even
+// Reader-writer mutexes. A thread-local lock is one atomic word (see
+// local::lockRead). A named lock is a reader count and a writer flag guarded
+// by the gate mutex, a hold mutex checked by the first reader or the writer,
+// and a condition broadcast whenever the lock becomes free. Readers are admitted whenever no writer holds the lock, even
 // while a writer waits.
 //
 // Named object memory (offsets from the start of the memory), request size
@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "korvane/sync.h"
+#include "os/sync/Futex.h"
 #include "os/sync/SyncObjects.h"
 #include "common/HandleFrame.h"
 
@@ -40,6 +41,65 @@ T* at(uint8_t* memory, size_t offset) {
     return reinterpret_cast<T*>(memory + offset);
 }
 
+// A thread-local lock is one word: the reader count in the low bits, a flag
+// for the writer and a flag saying someone sleeps on the word. Taking and
+// giving back an uncontended lock is then one compare-and-swap each, as with
+// the platform's own reader-writer lock, while the rules stay those of the
+// named lock: a reader is admitted whenever no writer holds the lock, a
+// waiting writer holds nobody back, any thread may unlock, and unlocking a
+// free lock does nothing.
+namespace local {
+
+namespace futex = korvane::sync::futex;
+
+constexpr uint32_t kWriter = 1u << 30;
+constexpr uint32_t kSleepers = 1u << 31;
+constexpr uint32_t kReaders = kWriter - 1;
+
+// Sleeps until the word changes from `seen`, after marking it as slept on.
+void sleepOn(uint32_t* word, uint32_t seen) {
+    if ((seen & kSleepers) == 0 && !futex::compareExchange(word, seen, seen | kSleepers))
+        return; // it changed already: look again
+    futex::wait(word, seen | kSleepers, nullptr, futex::Clock::Monotonic);
+}
+
+void lockRead(uint32_t* word) {
+    uint32_t seen = 0;
+    while (!futex::compareExchange(word, seen, seen + 1)) {
+        if ((seen & kWriter) != 0) {
+            sleepOn(word, seen);
+            seen = futex::load(word) & ~kWriter; // expect it free of the writer next
+        }
+    }
+}
+
+void lockWrite(uint32_t* word) {
+    uint32_t seen = 0;
+    while (!futex::compareExchange(word, seen, kWriter | (seen & kSleepers))) {
+        if ((seen & ~kSleepers) != 0) {
+            sleepOn(word, seen);
+            seen &= kSleepers;
+        }
+    }
+}
+
+// The last reader out, or the writer, frees the lock and wakes every sleeper.
+void unlock(uint32_t* word) {
+    uint32_t seen = futex::load(word);
+    for (;;) {
+        if ((seen & (kReaders | kWriter)) == 0)
+            return; // free already
+        const bool lastOut = (seen & kReaders) <= 1;
+        if (futex::compareExchange(word, seen, lastOut ? 0 : seen - 1)) {
+            if (lastOut && (seen & kSleepers) != 0)
+                futex::wakeAll(word);
+            return;
+        }
+    }
+}
+
+} // namespace local
+
 } // namespace
 
 rw_mutex_handle::rw_mutex_handle(const char* name) {
@@ -52,19 +112,13 @@ rw_mutex_handle::rw_mutex_handle(const char* name) {
 rw_mutex_handle::~rw_mutex_handle() {
     if (m_named.memory != nullptr)
         destroyProcessRWMutexOnPosix();
-    else if (m_gate != nullptr)
+    else if (m_readers != nullptr)
         destroyThreadRWMutexOnPosix();
 }
 
+// Only the word of a thread-local lock is allocated; see local::lockRead.
 bool rw_mutex_handle::createThreadRWMutexOnPosix() {
     m_readers = new uint32_t(0);
-    m_writer = new uint32_t(0);
-    m_gate = new pthread_mutex_t;
-    m_hold = new pthread_mutex_t;
-    korvane::sync::initialiseMutex(m_gate, PTHREAD_MUTEX_NORMAL, false);
-    korvane::sync::initialiseMutex(m_hold, PTHREAD_MUTEX_NORMAL, false);
-    m_condition = new pthread_cond_t;
-    korvane::sync::initialiseMonotonicCondition(m_condition);
     return true;
 }
 
@@ -104,17 +158,8 @@ void rw_mutex_handle::destroyInPlace() {
 }
 
 void rw_mutex_handle::destroyThreadRWMutexOnPosix() {
-    pthread_cond_destroy(m_condition);
-    delete m_condition;
-    pthread_mutex_destroy(m_hold);
-    delete m_hold;
-    pthread_mutex_destroy(m_gate);
-    delete m_gate;
     delete m_readers;
-    delete m_writer;
-    m_readers = m_writer = nullptr;
-    m_gate = m_hold = nullptr;
-    m_condition = nullptr;
+    m_readers = nullptr;
 }
 
 void rw_mutex_handle::destroyProcessRWMutexOnPosix() {
@@ -125,24 +170,18 @@ void rw_mutex_handle::destroyProcessRWMutexOnPosix() {
 }
 
 bool rw_mutex_handle::usable() const {
-    return m_gate != nullptr && m_hold != nullptr && (m_condition != nullptr || m_sharedCondition != nullptr);
+    return m_gate != nullptr && m_hold != nullptr && m_sharedCondition != nullptr;
 }
 
 void rw_mutex_handle::waitForRelease() {
-    if (m_sharedCondition != nullptr)
-        m_sharedCondition->wait(m_gate);
-    else
-        pthread_cond_wait(m_condition, m_gate);
+    m_sharedCondition->wait(m_gate);
 }
 
 // Frees the lock and wakes every waiter, with the gate held; releases the gate.
 void rw_mutex_handle::releaseAndWake() {
     *m_readers = 0;
     *m_writer = 0;
-    if (m_sharedCondition != nullptr)
-        m_sharedCondition->broadcast();
-    else
-        pthread_cond_broadcast(m_condition);
+    m_sharedCondition->broadcast();
     // A named lock does not keep its hold (see takeHoldMutex), so there the
     // platform refuses this unlock; the result is ignored on purpose.
     unlockMutex(m_hold);
@@ -152,6 +191,11 @@ void rw_mutex_handle::releaseAndWake() {
 // Lock results are ignored: a failure has been printed, and the operation
 // goes on as the existing callers expect.
 void rw_mutex_handle::lockRdOnPosix() {
+    if (m_named.memory == nullptr) {
+        if (m_readers != nullptr)
+            local::lockRead(m_readers);
+        return;
+    }
     if (!usable())
         return;
     lockMutex(m_gate);
@@ -164,6 +208,11 @@ void rw_mutex_handle::lockRdOnPosix() {
 }
 
 void rw_mutex_handle::lockWrOnPosix() {
+    if (m_named.memory == nullptr) {
+        if (m_readers != nullptr)
+            local::lockWrite(m_readers);
+        return;
+    }
     if (!usable())
         return;
     lockMutex(m_gate);
@@ -175,6 +224,11 @@ void rw_mutex_handle::lockWrOnPosix() {
 }
 
 void rw_mutex_handle::unlockOnPosix() {
+    if (m_named.memory == nullptr) {
+        if (m_readers != nullptr)
+            local::unlock(m_readers);
+        return;
+    }
     // A handle whose named creation failed has no gate: nothing to release.
     if (!usable())
         return;

@@ -174,13 +174,12 @@ private:
     void releaseAndWake();
     void takeHoldMutex();
 
-    uint32_t* m_readers = nullptr;
+    uint32_t* m_readers = nullptr; // a thread-local lock's one word
     uint32_t* m_writer = nullptr;
     korvane::sync::NamedObject m_named;
     pthread_mutex_t* m_gate = nullptr;
     pthread_mutex_t* m_hold = nullptr;
-    pthread_cond_t* m_condition = nullptr;                        // thread-local locks
-    korvane::sync::SharedCondition* m_sharedCondition = nullptr;  // named locks
+    korvane::sync::SharedCondition* m_sharedCondition = nullptr;
 };
 
 #endif

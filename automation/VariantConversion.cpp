@@ -1,8 +1,9 @@
 // Variant type conversion. One routine per source and target type is
 // generated from a handful of value rules: integers are relabelled when they
 // narrow and extended by the source's signedness when they widen, floats
-// truncate toward zero with saturation, numbers become text through printf
-// and text becomes a number through the standard parsers.
+// truncate toward zero with saturation, numbers become text as printf writes
+// them and text becomes a number through the standard parsers.
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -93,12 +94,21 @@ auto printArgument(T value) {
         return +value;
 }
 
+// Integers go through to_chars, which writes the same bytes as their printf
+// formats (plain decimal, a '-' only for a negative signed value) several
+// times faster; floats stay on printf, whose "%f" follows the locale.
 template <TVARTYPE Source>
 void formatAsText(tagTVARIANT* v) {
-    char text[kTextCapacity] = {};
-    std::snprintf(text, sizeof text, korvane::printFormat(Source),
-                  printArgument(korvane::readScalar<NumericScalar<Source>>(v)));
-    v->value.bstrVal = korvane::unitFromString(text);
+    const auto value = printArgument(korvane::readScalar<NumericScalar<Source>>(v));
+    if constexpr (std::is_integral<decltype(value)>::value) {
+        char text[std::numeric_limits<decltype(value)>::digits10 + 3];
+        *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
+        v->value.bstrVal = korvane::unitFromString(text);
+    } else {
+        char text[kTextCapacity] = {};
+        std::snprintf(text, sizeof text, korvane::printFormat(Source), value);
+        v->value.bstrVal = korvane::unitFromString(text);
+    }
     v->vt = TVT_STRING;
 }
 

@@ -79,6 +79,13 @@ private:
     std::string m_path;
 };
 
+// The system() stand-in (SystemStandIn.cpp): every command the library hands
+// to system() is recorded; in a dry run it is answered with systemFakeStatus
+// instead of being run.
+extern std::vector<std::string> systemCommands;
+extern bool systemDryRun;
+extern int systemFakeStatus;
+
 // Runs `body` with stdout redirected and returns what it printed.
 std::string captureStdout(const std::function<void()>& body);
 

@@ -4,6 +4,8 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstdio>
+#include <random>
 #include <sstream>
 #include <tuple>
 
@@ -75,6 +77,39 @@ TEST(VariantConversionMatrix, EveryTargetGivesItsValueOrIsRefusedUntouched) {
             EXPECT_EQ(converted ? value : "no", expected);
         }
     }
+}
+
+// Integer text is printf's, byte for byte, for every integer tag: the limits,
+// one either side of each power of ten and a random sample of bit patterns.
+TEST(VariantConversionEdges, IntegerTextMatchesPrintf) {
+    const std::tuple<TVARTYPE, int, bool, const char*> kinds[] = {
+        {TVT_CHAR, 1, false, "%d"}, {TVT_BYTE, 1, false, "%u"},  {TVT_SHORT, 2, true, "%d"},
+        {TVT_USHORT, 2, false, "%u"}, {TVT_INT, 4, true, "%d"},   {TVT_UINT, 4, false, "%u"},
+        {TVT_LONG, 8, true, "%ld"},   {TVT_ULONG, 8, false, "%lu"}, {TVT_LONGLONG, 8, true, "%lld"},
+        {TVT_ULONGLONG, 8, false, "%llu"}, {TVT_BOOL, 1, false, "%d"}};
+    std::vector<uint64_t> patterns = {0x7F, 0x80, 0xFF, 0x7FFF, 0x8000, 0xFFFF, 0x7FFFFFFF, 0x80000000, ~0u,
+                                      ~0ull >> 1, 1ull << 63, ~0ull};
+    for (uint64_t power = 1, step = 0; step < 20; power *= 10, ++step)
+        for (uint64_t near : {power - 1, power, power + 1})
+            patterns.insert(patterns.end(), {near, 0 - near});
+    std::mt19937_64 random(16);
+    for (int i = 0; i < 50000; ++i)
+        patterns.push_back(random() >> (random() % 64));
+    for (const auto& [tag, bytes, isSigned, format] : kinds)
+        for (const uint64_t bits : patterns) {
+            const int shift = 64 - 8 * bytes; // the value is the low `bytes` bytes
+            const uint64_t value = isSigned ? static_cast<uint64_t>(static_cast<int64_t>(bits << shift) >> shift)
+                                            : bits << shift >> shift;
+            char expected[32];
+            if (bytes == 8)
+                std::snprintf(expected, sizeof expected, format, value);
+            else
+                std::snprintf(expected, sizeof expected, format, static_cast<int>(value));
+            Variant v;
+            raw(tag, bits)(v.get());
+            ASSERT_TRUE(variant_change_type(v.get(), TVT_STRING));
+            ASSERT_EQ(bytesOf(v.get()->value.bstrVal), std::string(expected) + '\0') << format << " of " << bits;
+        }
 }
 
 TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -139,6 +140,35 @@ TEST_F(NamedRWMutexHold, FirstReaderThreadKeepsNoRobustEntry) {
     first.join();
     ASSERT_TRUE(firstLeft);
     EXPECT_EQ(after, before) << "the first reader still holds the hold mutex";
+}
+
+// Threads reading and writing one thread-local lock at random: no reader ever
+// meets a writer and no writer meets anyone. Run in a child, so a lost
+// wake-up fails the test instead of hanging it.
+TEST(ThreadLocalRWMutex, StressKeepsWritersExclusive) {
+    const ChildResult result = runInChild([] {
+        rw_mutex_handle* lock = os_rw_mutex_create(nullptr);
+        std::atomic<int> readers{0}, writers{0}, faults{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 20000; ++i) {
+                    const bool write = (i * 7 + t) % 5 == 0;
+                    write ? os_rw_mutex_lock_wr(lock) : os_rw_mutex_lock_rd(lock);
+                    std::atomic<int>& mine = write ? writers : readers;
+                    mine.fetch_add(1);
+                    faults += writers.load() > (write ? 1 : 0) || (write && readers.load() > 0);
+                    mine.fetch_sub(1);
+                    os_rw_mutex_unlock(lock);
+                }
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        os_rw_mutex_destroy(&lock);
+        return faults.load() == 0 ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exited) << "timed out: " << result.timedOut;
+    EXPECT_EQ(result.exitCode, 0) << "exclusion broken";
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RWMutex, ::testing::Bool(), [](const ::testing::TestParamInfo<bool>& info) {

@@ -157,6 +157,7 @@ TEST(ThreadLocalRWMutex, StressKeepsWritersExclusive) {
                     write ? os_rw_mutex_lock_wr(lock) : os_rw_mutex_lock_rd(lock);
                     std::atomic<int>& mine = write ? writers : readers;
                     mine.fetch_add(1);
+                    std::this_thread::yield(); // let the others try while it is held
                     faults += writers.load() > (write ? 1 : 0) || (write && readers.load() > 0);
                     mine.fetch_sub(1);
                     os_rw_mutex_unlock(lock);

@@ -8,8 +8,6 @@
 #   scripts/test.sh [STEP...]   runs the named steps, all of them when none is named
 set -uo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh test || exit 1
-mkdir -p build
 
 steps=()
 declare -A outcome
@@ -40,12 +38,10 @@ run_workflow() { # run_workflow <step>
   record "$preset" "$status" "$summary"
 }
 
-run_check() { # run_check <step> <command>...
-  local step=$1
-  shift
-  echo "=== ${step}"
+run_check() { # run_check <command>...: the step being run passes when the command does
+  echo "=== ${current_step}"
   "$@"
-  record "$step" $? ""
+  record "$current_step" $? ""
 }
 
 # Runs the executables of the aarch64 step again on a real arm64 kernel in an
@@ -68,11 +64,11 @@ declare -A step_command
 all_steps=()
 step() { all_steps+=("$1"); step_command[$1]="${*:2}"; }
 step native   run_workflow native
-step install  run_check install scripts/check-install.sh build/native
+step install  run_check scripts/check-install.sh build/native
 step sanitize run_workflow sanitize
 step aarch64  run_workflow aarch64
 step arm64-vm run_arm64_machine
-step packages run_check packages bash -c "'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'"
+step packages run_check bash -c "'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'"
 # The benchmarks are built (not run) so they cannot rot unnoticed.
 step bench    run_workflow bench
 
@@ -84,8 +80,10 @@ for name in "${requested[@]}"; do
     exit 2
   fi
 done
-for name in "${requested[@]}"; do
-  eval "${step_command[$name]}"
+scripts/install-deps.sh test || exit 1
+mkdir -p build
+for current_step in "${requested[@]}"; do
+  eval "${step_command[$current_step]}"
 done
 
 echo

@@ -101,14 +101,37 @@ template <> struct UnsignedOfWidth<8> { using type = uint64_t; };
 template <TVARTYPE Tag>
 using ScalarBits = typename UnsignedOfWidth<sizeof(Scalar<Tag>)>::type;
 
-// The printf format that turns a scalar tag's value (read as NumericScalar,
-// floats widened to double) into text; null for TVT_EMPTY, TVT_STRING and
-// unknown tags. Existing callers parse these texts, so they stay as they are.
+// One row per tag, indexed by tag: its type-name text, and the printf format
+// that turns its value (read as NumericScalar, floats widened to double) into
+// text. Existing callers send, parse and print these texts exactly, so they
+// stay as they are.
+struct TagRow {
+    const char* name;
+    const char* format;
+};
+inline constexpr TagRow kTagRows[] = {
+    {nullptr, nullptr},
+    {"char", "%d"},
+    {"unsigned char", "%u"},
+    {"short", "%d"},
+    {"unsigned short", "%u"},
+    {"int", "%d"},
+    {"unsigned int", "%u"},
+    {"long", "%ld"},
+    {"unsigned long", "%lu"},
+    {"long long", "%lld"},
+    {"unsigned long long", "%llu"},
+    {"float", "%f"},
+    {"double", "%f"},
+    {"string", nullptr},
+    {"bool", "%d"},
+};
+inline constexpr TVARTYPE kTagRowCount = sizeof kTagRows / sizeof kTagRows[0];
+
+// The printf format of a scalar tag; null for TVT_EMPTY, TVT_STRING and
+// unknown tags.
 inline const char* printFormat(TVARTYPE tag) {
-    static constexpr const char* formats[] = {
-        nullptr, "%d", "%u", "%d", "%u", "%d", "%u", "%ld", "%lu", "%lld", "%llu", "%f", "%f", nullptr, "%d",
-    };
-    return tag < sizeof formats / sizeof formats[0] ? formats[tag] : nullptr;
+    return tag < kTagRowCount ? kTagRows[tag].format : nullptr;
 }
 
 // Type-name text of a tag ("char", "unsigned char", ... "string", "bool");

@@ -91,8 +91,7 @@ bool CVariantRead::getValue(char* buffer, unsigned long& length) {
 bool CVariantRead::getValue(bool& value) {
     if (m_value == nullptr)
         return false;
-    // Stored as the raw byte that variant_resolve_as_bool returns (a long
-    // long 2 gives 2), without passing through a bool value.
+    // Copied as the raw byte, never loaded as a bool.
     const unsigned char byte = korvane_resolve_bool_byte(m_value);
     std::memcpy(&value, &byte, sizeof byte);
     return true;

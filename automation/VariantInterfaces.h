@@ -9,10 +9,7 @@
 #include "korvane/types.h"
 
 // variant_resolve_as_bool under an internal name that says what it returns:
-// the bool's raw byte. A long long variant resolves to the low byte of its
-// value unnormalised (2 stays 2), which a C++ bool cannot hold without
-// undefined behaviour, so the library handles it as a byte throughout and the
-// exported symbol is this function (see VariantResolve.cpp).
+// the bool's raw byte (VariantResolve.cpp says why it is a byte).
 extern "C" unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
 
 // Reads the variant it is pointed at; borrows it, never frees it. Objects

@@ -1,6 +1,6 @@
 // Value resolution and type names: a variant read as any scalar whatever its
-// tag, an integer value cut to a bit width, and the table that translates
-// between tags and their type-name texts.
+// tag, an integer value cut to a bit width, and tags looked up by their
+// type-name texts (ScalarTypes.h holds the texts).
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -12,27 +12,15 @@
 
 namespace korvane {
 
-namespace {
-
-// Indexed by tag. Existing callers send and parse these texts exactly.
-constexpr const char* kTypeNames[] = {
-    nullptr,       "char",          "unsigned char",      "short", "unsigned short", "int",    "unsigned int",
-    "long",        "unsigned long", "long long",          "unsigned long long",      "float",  "double",
-    "string",      "bool",
-};
-constexpr TVARTYPE kTypeNameCount = sizeof kTypeNames / sizeof kTypeNames[0];
-
-} // namespace
-
 const char* typeName(TVARTYPE tag) {
-    return tag < kTypeNameCount ? kTypeNames[tag] : nullptr;
+    return tag < kTagRowCount ? kTagRows[tag].name : nullptr;
 }
 
 TVARTYPE tagOfName(const char* name) {
     if (name == nullptr)
         return TVT_EMPTY;
-    for (TVARTYPE tag = TVT_CHAR; tag < kTypeNameCount; ++tag) {
-        if (std::strcmp(name, kTypeNames[tag]) == 0)
+    for (TVARTYPE tag = TVT_CHAR; tag < kTagRowCount; ++tag) {
+        if (std::strcmp(name, kTagRows[tag].name) == 0)
             return tag;
     }
     return TVT_EMPTY;

@@ -5,10 +5,9 @@
 # into a temporary prefix with two out-of-tree consumers, the Debian packages
 # of both architectures, and a build of the benchmarks. Every step runs even
 # when an earlier one failed; the exit status is non-zero when any failed.
+#   scripts/test.sh [STEP...]   runs the named steps, all of them when none is named
 set -uo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh test || exit 1
-mkdir -p build
 
 steps=()
 declare -A outcome
@@ -24,26 +23,25 @@ record() { # record <step> <status> <detail>
   fi
 }
 
-# Configures, builds and tests one preset, keeping ctest's summary line.
-run_tests() {
-  local preset=$1 log=build/$1-ctest.log
-  echo "=== ${preset}: configure and build"
-  if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; }; then
-    record "$preset" 1 "build"
-    return
+# Configures, builds and tests one preset through its workflow, keeping
+# ctest's summary line; a workflow that stopped before its tests failed to
+# build.
+run_workflow() { # run_workflow <step>
+  local preset=$1 log=build/$1-workflow.log
+  echo "=== ${preset}: configure, build and test"
+  cmake --workflow --preset "$preset" 2>&1 | tee "$log"
+  local status=${PIPESTATUS[0]} summary
+  summary=$(grep -E 'tests passed' "$log" | tail -1)
+  if [ "$status" -ne 0 ] && [ -z "$summary" ]; then
+    summary="build"
   fi
-  echo "=== ${preset}: test"
-  ctest --preset "$preset" 2>&1 | tee "$log"
-  local status=${PIPESTATUS[0]}
-  record "$preset" "$status" "$(grep -E 'tests passed' "$log" | tail -1)"
+  record "$preset" "$status" "$summary"
 }
 
-run_check() { # run_check <step> <command>...
-  local step=$1
-  shift
-  echo "=== ${step}"
+run_check() { # run_check <command>...: the step being run passes when the command does
+  echo "=== ${current_step}"
   "$@"
-  record "$step" $? ""
+  record "$current_step" $? ""
 }
 
 # Runs the executables of the aarch64 step again on a real arm64 kernel in an
@@ -61,14 +59,32 @@ run_arm64_machine() {
     "$(sed -nE 's/^arm64 machine: (passed|FAILED): //p' "$log" | tail -1)"
 }
 
-run_tests native
-run_check install scripts/check-install.sh build/native
-run_tests sanitize
-run_tests aarch64
-run_arm64_machine
-run_check packages bash -c 'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'
+# The steps, in the order a full run takes them: step <name> <command>...
+declare -A step_command
+all_steps=()
+step() { all_steps+=("$1"); step_command[$1]="${*:2}"; }
+step native   run_workflow native
+step install  run_check scripts/check-install.sh build/native
+step sanitize run_workflow sanitize
+step aarch64  run_workflow aarch64
+step arm64-vm run_arm64_machine
+step packages run_check bash -c "'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'"
 # The benchmarks are built (not run) so they cannot rot unnoticed.
-run_check bench bash -c 'cmake --preset bench >/dev/null && cmake --build --preset bench'
+step bench    run_workflow bench
+
+requested=("$@")
+[ ${#requested[@]} -eq 0 ] && requested=("${all_steps[@]}")
+for name in "${requested[@]}"; do
+  if [ -z "${step_command[$name]+set}" ]; then
+    echo "unknown step '$name'; steps: ${all_steps[*]}" >&2
+    exit 2
+  fi
+done
+scripts/install-deps.sh test || exit 1
+mkdir -p build
+for current_step in "${requested[@]}"; do
+  eval "${step_command[$current_step]}"
+done
 
 echo
 echo "=== summary"

@@ -10,7 +10,7 @@
 
 #include "korvane/fs.h"
 #include "korvane/interfaces.h"
-#include "os/system/SystemInternal.h"
+#include "common/SystemInternal.h"
 
 namespace {
 

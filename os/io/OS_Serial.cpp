@@ -225,14 +225,14 @@ class FrameReader {
 public:
     FrameReader(int port, int size, const unsigned char* header, int headerLength)
         : m_port(port), m_size(size), m_header(header), m_headerLength(headerLength),
-          m_found(headerLength == 0 || header == nullptr),
+          m_headerFound(headerLength == 0 || header == nullptr),
           m_accumulated(new (std::nothrow) unsigned char[2 * static_cast<size_t>(size) + 1]),
           m_transfer(new (std::nothrow) unsigned char[static_cast<size_t>(size) + 1]) {}
 
     bool usable() const { return m_accumulated && m_transfer; }
 
     int read(unsigned char* out, int milliseconds) {
-        while (m_total < m_size) {
+        while (m_frameLength < m_size) {
             const Transfer transfer =
                 transferInSlices(m_port, LIO_READ, m_transfer.get(), static_cast<size_t>(nextRequestLength()));
             if (transfer.abandoned)
@@ -252,21 +252,21 @@ public:
             }
             m_emptyReadableRounds = 0;
             append(static_cast<int>(received));
-            if (m_found) {
-                m_total += static_cast<int>(received);
+            if (m_headerFound) {
+                m_frameLength += static_cast<int>(received);
                 continue;
             }
-            if (m_acc < m_headerLength)
+            if (m_receivedLength < m_headerLength)
                 continue;
             // Checked before the header comparison, so a header that ends
             // exactly at byte `size` is not recognised; existing callers
             // depend on this order.
-            if (m_acc >= m_size)
+            if (m_receivedLength >= m_size)
                 return -1;
-            if (std::memcmp(m_accumulated.get() + m_acc - m_headerLength, m_header,
+            if (std::memcmp(m_accumulated.get() + m_receivedLength - m_headerLength, m_header,
                             static_cast<size_t>(m_headerLength)) == 0) {
-                m_found = true;
-                m_total = m_headerLength;
+                m_headerFound = true;
+                m_frameLength = m_headerLength;
             }
         }
         copyTail(out, m_size);
@@ -277,29 +277,29 @@ private:
     // While hunting, the first headerLength bytes are asked for together and
     // then the header is searched for one byte at a time.
     int nextRequestLength() const {
-        if (!m_found && m_headerLength > 0)
-            return m_acc < m_headerLength ? m_headerLength - m_acc : 1;
-        return m_size - m_total;
+        if (!m_headerFound && m_headerLength > 0)
+            return m_receivedLength < m_headerLength ? m_headerLength - m_receivedLength : 1;
+        return m_size - m_frameLength;
     }
 
     void append(int count) {
-        std::memcpy(m_accumulated.get() + m_acc, m_transfer.get(), static_cast<size_t>(count));
-        m_acc += count;
+        std::memcpy(m_accumulated.get() + m_receivedLength, m_transfer.get(), static_cast<size_t>(count));
+        m_receivedLength += count;
     }
 
     int quietLineResult(unsigned char* out) const {
-        if (m_total > 0) {
-            copyTail(out, m_total); // a short frame
-            return m_total;
+        if (m_frameLength > 0) {
+            copyTail(out, m_frameLength); // a short frame
+            return m_frameLength;
         }
-        if (m_acc > 0)
+        if (m_receivedLength > 0)
             puts("The frame header may be truncated.");
         return 0;
     }
 
     void copyTail(unsigned char* out, int count) const {
         if (count > 0)
-            std::memcpy(out, m_accumulated.get() + m_acc - count, static_cast<size_t>(count));
+            std::memcpy(out, m_accumulated.get() + m_receivedLength - count, static_cast<size_t>(count));
     }
 
     const int m_port;
@@ -308,10 +308,10 @@ private:
     const int m_headerLength;
     static constexpr int kEmptyReadableRoundsAllowed = 3;
 
-    bool m_found;
+    bool m_headerFound;
     int m_emptyReadableRounds = 0; // readable by select, then nothing read
-    int m_total = 0;               // bytes of the frame so far
-    int m_acc = 0;   // bytes received so far
+    int m_frameLength = 0;         // bytes of the frame so far
+    int m_receivedLength = 0;      // bytes received so far
     std::unique_ptr<unsigned char[]> m_accumulated;
     std::unique_ptr<unsigned char[]> m_transfer;
 };

@@ -1,6 +1,12 @@
 // The futex system call and the atomic operations on 32-bit words that the
 // process-shared condition and counting semaphore are built from.
 //
+// Why the named objects need their own condition and semaphore: the shared
+// layouts put them at offsets that are 4-byte but not 8-byte aligned, and
+// other processes rely on those offsets. glibc's pthread_cond_t and sem_t
+// update 64-bit words atomically, which faults on 64-bit Arm cores without
+// the unaligned-atomics extension; 32-bit words need only 4-byte alignment.
+//
 // The futexes are shared, not private: the words live in named object
 // memories mapped by several processes, and the kernel has to match a waiter
 // in one process with a waker in another by the physical page.

@@ -33,9 +33,9 @@ struct EventLayout {
     uint32_t requestSize;
     size_t flagsOffset;
 };
-constexpr EventLayout kConditionLayout{104, 100};
-constexpr EventLayout kSemaphoreLayout{88, 84};
-constexpr EventLayout kSystemVLayout{60, 56};
+constexpr EventLayout kConditionLayout{korvane::layout::kEventConditionRequestSize, 100};
+constexpr EventLayout kSemaphoreLayout{korvane::layout::kEventSemaphoreRequestSize, 84};
+constexpr EventLayout kSystemVLayout{korvane::layout::kEventSystemVRequestSize, 56};
 
 static_assert(kMutexOffset + sizeof(pthread_mutex_t) <= kWakeUpOffset, "the mutex fits its 48-byte slot");
 static_assert(kWakeUpOffset + sizeof(SharedCondition) <= kConditionLayout.flagsOffset, "condition slot");
@@ -103,14 +103,14 @@ void event_handle::createNamed(bool manualReset, bool initialState, const char* 
                                bool useCondition) {
     const EventLayout& layout = layoutFor(systemV, useCondition);
     const bool opened = korvane::sync::createOrOpenNamedObject(
-        m_named, name, layout.requestSize, kOwner, [&](uint8_t* object, key_t key) {
-            pointIntoMemory(object - korvane::sync::kOpenCountSize, layout.flagsOffset);
+        m_named, name, layout.requestSize, kOwner, [&](uint8_t*, key_t key) {
+            pointIntoMemory(m_named.base(), layout.flagsOffset);
             initialiseInPlace(manualReset, initialState, systemV, useCondition, key);
         });
     // A later opener finds the object as the first one built it; its own
     // reset mode and initial state are ignored.
     if (opened)
-        pointIntoMemory(m_named.object() - korvane::sync::kOpenCountSize, layout.flagsOffset);
+        pointIntoMemory(m_named.base(), layout.flagsOffset);
 }
 
 void event_handle::pointIntoMemory(uint8_t* memory, size_t flagsOffset) {

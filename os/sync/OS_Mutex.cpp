@@ -20,7 +20,7 @@ using namespace korvane::sync;
 
 namespace {
 
-constexpr uint32_t kMutexRequestSize = 52;
+using korvane::layout::kMutexRequestSize;
 
 // A private mutex takes its own lock word, so that an uncontended lock and
 // unlock cost no more than the platform's: a compare-and-swap inline, the

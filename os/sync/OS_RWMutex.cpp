@@ -24,7 +24,7 @@ using korvane::sync::SharedCondition;
 
 namespace {
 
-constexpr uint32_t kRequestSize = 152;
+constexpr uint32_t kRequestSize = korvane::layout::kRWMutexRequestSize;
 constexpr size_t kReadersOffset = 4;
 constexpr size_t kWriterOffset = 8;
 constexpr size_t kGateOffset = 12;
@@ -124,12 +124,12 @@ bool rw_mutex_handle::createThreadRWMutexOnPosix() {
 
 bool rw_mutex_handle::createProcessRWMutexOnPosix(const char* name) {
     const bool opened = korvane::sync::createOrOpenNamedObject(
-        m_named, name, kRequestSize, nullptr, [this](uint8_t* object, key_t) {
-            pointIntoMemory(object - korvane::sync::kOpenCountSize);
+        m_named, name, kRequestSize, nullptr, [this](uint8_t*, key_t) {
+            pointIntoMemory(m_named.base());
             initialiseInPlace();
         });
     if (opened)
-        pointIntoMemory(m_named.object() - korvane::sync::kOpenCountSize);
+        pointIntoMemory(m_named.base());
     return opened;
 }
 
@@ -246,20 +246,6 @@ void rw_mutex_handle::unlockOnPosix() {
     unlockMutex(m_gate);
 }
 
-namespace {
-
-// A trylock's result: true when taken; EBUSY is silent, anything else is
-// reported.
-bool acceptTrylock(int result) {
-    if (result == 0)
-        return true;
-    if (result != EBUSY)
-        printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
-    return false;
-}
-
-} // namespace
-
 // Takes the hold mutex without waiting for it. The count and the flag say the
 // lock is free here, so a thread-local hold is always free. A named hold is a
 // robust mutex, and a robust mutex can be released only by the thread that
@@ -272,13 +258,7 @@ bool acceptTrylock(int result) {
 // hold is let go at once. Exclusion rests on the count, the flag and the
 // condition either way.
 void rw_mutex_handle::takeHoldMutex() {
-    const int result = pthread_mutex_trylock(m_hold);
-    if (result != EOWNERDEAD)
-        acceptTrylock(result);
-    else if (pthread_mutex_consistent(m_hold) != 0)
-        std::puts("mutex lock fixed failed!");
-    const bool taken = result == 0 || result == EOWNERDEAD;
-    if (taken && m_named.memory != nullptr)
+    if (korvane::sync::robustTryLock(m_hold) && m_named.memory != nullptr)
         unlockMutex(m_hold);
 }
 
@@ -290,7 +270,7 @@ bool rw_mutex_handle::lockMutex(pthread_mutex_t* mutex) {
 }
 
 bool rw_mutex_handle::tryLockMutex(pthread_mutex_t* mutex) {
-    return acceptTrylock(pthread_mutex_trylock(mutex));
+    return korvane::sync::robustTryLock(mutex);
 }
 
 int rw_mutex_handle::unlockMutex(pthread_mutex_t* mutex) {

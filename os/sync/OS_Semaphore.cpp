@@ -29,8 +29,8 @@ struct SemaphoreLayout {
     uint32_t requestSize;
     size_t flagOffset;
 };
-constexpr SemaphoreLayout kPosixLayout{37, 36};
-constexpr SemaphoreLayout kSystemVLayout{9, 8};
+constexpr SemaphoreLayout kPosixLayout{korvane::layout::kSemaphoreRequestSize, 36};
+constexpr SemaphoreLayout kSystemVLayout{korvane::layout::kSemaphoreSystemVRequestSize, 8};
 
 static_assert(kSemaphoreOffset + sizeof(SharedSemaphore) <= kPosixLayout.flagOffset, "semaphore slot");
 static_assert(kSemaphoreOffset + sizeof(int32_t) <= kSystemVLayout.flagOffset, "System V id slot");
@@ -54,8 +54,8 @@ semaphore_handle::semaphore_handle(int value, const char* name, bool systemV) {
 void semaphore_handle::createNamed(int value, const char* name, bool systemV) {
     const SemaphoreLayout& layout = systemV ? kSystemVLayout : kPosixLayout;
     const bool opened = korvane::sync::createOrOpenNamedObject(
-        m_named, name, layout.requestSize, kOwner, [&](uint8_t* object, key_t key) {
-            uint8_t* slot = object - korvane::sync::kOpenCountSize + kSemaphoreOffset;
+        m_named, name, layout.requestSize, kOwner, [&](uint8_t*, key_t key) {
+            uint8_t* slot = m_named.base() + kSemaphoreOffset;
             if (systemV) {
                 const int id = sysv::create(key, value);
                 std::memcpy(slot, &id, sizeof id);
@@ -65,7 +65,7 @@ void semaphore_handle::createNamed(int value, const char* name, bool systemV) {
         });
     if (!opened)
         return;
-    uint8_t* memory = m_named.object() - korvane::sync::kOpenCountSize;
+    uint8_t* memory = m_named.base();
     m_semaphore = memory + kSemaphoreOffset;
     m_systemV = memory + layout.flagOffset;
 }

@@ -175,8 +175,12 @@ bool CSyncClient::requestDestroy(const char* name) {
 namespace korvane {
 namespace sync {
 
+uint8_t* NamedObject::base() const {
+    return static_cast<uint8_t*>(os_sharememory_get_buffer(memory));
+}
+
 uint8_t* NamedObject::object() const {
-    uint8_t* buffer = static_cast<uint8_t*>(os_sharememory_get_buffer(memory));
+    uint8_t* buffer = base();
     return buffer == nullptr ? nullptr : buffer + kOpenCountSize;
 }
 

@@ -1,4 +1,4 @@
-// The one robust lock of the synchronisation families, and the one way they
+// The one robust lock (blocking and trying) of the synchronisation families, and the one way they
 // initialise a mutex and a private condition. A mutex inside a named object
 // memory is robust, so a process that dies holding it does not block the
 // others for ever.
@@ -10,6 +10,18 @@
 namespace korvane {
 namespace sync {
 
+namespace {
+
+// Makes a mutex whose owner died consistent again (the caller holds it).
+bool repairAfterOwnerDeath(pthread_mutex_t* mutex) {
+    if (pthread_mutex_consistent(mutex) == 0)
+        return true;
+    std::puts("mutex lock fixed failed!");
+    return false;
+}
+
+} // namespace
+
 bool robustLock(pthread_mutex_t* mutex) {
     if (mutex == nullptr)
         return false;
@@ -17,10 +29,8 @@ bool robustLock(pthread_mutex_t* mutex) {
     if (result == 0)
         return true;
     if (result == EOWNERDEAD) {
-        if (pthread_mutex_consistent(mutex) != 0) {
-            std::puts("mutex lock fixed failed!");
+        if (!repairAfterOwnerDeath(mutex))
             return false;
-        }
         // Callers have always received the repaired mutex through a fresh
         // lock rather than the one that reported the death.
         pthread_mutex_unlock(mutex);
@@ -28,6 +38,17 @@ bool robustLock(pthread_mutex_t* mutex) {
         return true;
     }
     std::printf("mutex lock error:%d.\n", result);
+    return false;
+}
+
+bool robustTryLock(pthread_mutex_t* mutex) {
+    const int result = pthread_mutex_trylock(mutex);
+    if (result == 0)
+        return true;
+    if (result == EOWNERDEAD)
+        return repairAfterOwnerDeath(mutex);
+    if (result != EBUSY)
+        std::printf("[CRITICAL]: unexpected mutex trylock error:%d\n", result);
     return false;
 }
 

@@ -1,12 +1,9 @@
 // A process-shared condition variable for named object memories.
 //
-// The shared layouts put their condition at offsets that are 4-byte but not
-// 8-byte aligned (52 in an event, 108 in a reader-writer mutex), and other
-// processes rely on those offsets. glibc's pthread_cond_t updates 64-bit
-// words atomically, which faults on 64-bit Arm cores without the
-// unaligned-atomics extension, so the named objects use this condition
-// instead: two 32-bit words driven by the futex system call, needing only
-// 4-byte alignment and fitting the 48-byte slot of a pthread_cond_t.
+// It sits at 4-byte-aligned offsets (52 in an event, 108 in a reader-writer
+// mutex), where glibc's condition cannot (Futex.h says why): two 32-bit
+// words driven by the futex system call, fitting the 48-byte slot of a
+// pthread_cond_t.
 // Deadlines are absolute times on the monotonic clock. Private (unnamed)
 // objects on the heap keep glibc's condition.
 #ifndef KORVANE_SYNC_SHARED_CONDITION_H

@@ -1,13 +1,10 @@
 // A process-shared counting semaphore for named object memories.
 //
-// The shared layouts put their semaphore at offsets that are 4-byte but not
-// 8-byte aligned (4 in a semaphore, 52 in an event), and other processes rely
-// on those offsets. glibc's sem_t updates a 64-bit word atomically, which
-// faults on 64-bit Arm cores without the unaligned-atomics extension, so the
-// named objects use this semaphore instead: two 32-bit words driven by the
-// futex system call, needing only 4-byte alignment and fitting the 32-byte
-// slot of a sem_t. It answers like sem_post, sem_wait, sem_trywait and
-// sem_timedwait, returning the error number instead of setting errno.
+// It sits at 4-byte-aligned offsets (4 in a semaphore, 52 in an event), where
+// glibc's sem_t cannot (Futex.h says why): two 32-bit words driven by the
+// futex system call, fitting the 32-byte slot of a sem_t. It answers like
+// sem_post, sem_wait, sem_trywait and sem_timedwait, returning the error
+// number instead of setting errno.
 // Private (unnamed) semaphores on the heap keep glibc's sem_t.
 #ifndef KORVANE_SYNC_SHARED_SEMAPHORE_H
 #define KORVANE_SYNC_SHARED_SEMAPHORE_H

@@ -21,6 +21,7 @@
 #include <functional>
 #include <string>
 
+#include "common/NamedLayouts.h"
 #include "korvane/sync.h"
 
 namespace OS {
@@ -71,9 +72,9 @@ extern const char kLockSemaphoreName[];     // "os_mutex_manage_enabled_semaphor
 extern const char kRequestSemaphoreName[];  // "os_mutex_manage_request_semaphore"
 extern const char kFinishSemaphoreName[];   // "os_mutex_manage_finish_semaphore"
 
-constexpr uint32_t kChannelMemorySize = 1029;
+using layout::kChannelMemorySize;
 constexpr size_t kMaximumNameLength = 1023; // longer names never reach the manager
-constexpr uint32_t kOpenCountSize = 4;      // the object starts after the open count
+using layout::kOpenCountSize;               // the object starts after the open count
 
 // The memory request in the channel memory. A create request carries its
 // name from byte 8 (after the size), a destroy request from byte 4 (it has no
@@ -107,6 +108,9 @@ struct NamedObject {
     std::string name;                     // set once the channel opened
     sharememory_handle* memory = nullptr; // null when unusable or unnamed
 
+    // Start of the memory, where the family's layout offsets count from;
+    // null when there is no memory.
+    uint8_t* base() const;
     // Start of the object (memory + 4); null when there is no memory.
     uint8_t* object() const;
     uint32_t& openCount() const;
@@ -138,6 +142,11 @@ void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy);
 // "mutex lock error:%d.\n" on any other error. True when the caller holds
 // a consistent mutex.
 bool robustLock(pthread_mutex_t* mutex);
+// Takes a mutex without waiting, repairing it as robustLock does when its
+// previous owner died (then it is held, consistent). EBUSY is silent; any
+// other error prints "[CRITICAL]: unexpected mutex trylock error:%d\n".
+// True when the caller holds the mutex.
+bool robustTryLock(pthread_mutex_t* mutex);
 
 // Initialises a mutex of the given type; process-shared and robust when
 // `shared` (the form every mutex inside a named object memory takes).

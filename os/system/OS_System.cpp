@@ -12,7 +12,7 @@
 
 #include "common/CallerBuffer.h"
 #include "korvane/system.h"
-#include "os/system/SystemInternal.h"
+#include "common/SystemInternal.h"
 
 namespace {
 

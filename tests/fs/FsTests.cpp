@@ -40,7 +40,6 @@ extern "C" dirent* readdir(DIR* folder) {
 
 namespace {
 
-using kvtest::systemCommands;
 
 void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
 
@@ -121,7 +120,7 @@ TEST_F(FilesAndFolders, PathTestsAndBadPaths) {
         EXPECT_EQ(os_file_exist(path), file) << path;
         EXPECT_EQ(os_folder_exist(path), folder) << path;
     }
-    systemCommands.clear();
+    kvtest::shell().commands.clear();
     for (const char* bad : {static_cast<const char*>(nullptr), ""}) {
         for (auto call : {os_file_exist, os_file_create, os_file_remove, os_folder_exist, os_folder_create})
             EXPECT_FALSE(call(bad));
@@ -135,7 +134,7 @@ TEST_F(FilesAndFolders, PathTestsAndBadPaths) {
             EXPECT_FALSE(os_folder_copy("file", bad, flag));
         }
     }
-    EXPECT_TRUE(systemCommands.empty());
+    EXPECT_TRUE(kvtest::shell().commands.empty());
     EXPECT_EQ(readFile("file"), "x");
     for (const char* root : {"/", "//"}) // stripping has no stop at "", kept for existing callers
         for (auto call : {os_file_exist, os_file_create, os_file_remove, os_folder_exist})
@@ -224,14 +223,14 @@ TEST_F(FilesAndFolders, FolderCommandLines) {
         {[] { return os_folder_copy("a/src", "existing", false); }, "cp -rf \"a/src/\"/* \"existing/src/\""},
         {[] { return os_folder_copy("photos", "existing", false); }, "cp -rf \"photos/\"/* \"existing/s/\""},
     };
-    kvtest::systemDryRun = true;
-    kvtest::systemFakeStatus = 0;
+    kvtest::shell().dryRun = true;
+    kvtest::shell().status = 0;
     for (const auto& [run, expected] : rows) {
-        systemCommands.clear();
+        kvtest::shell().commands.clear();
         EXPECT_TRUE(run());
-        EXPECT_EQ(systemCommands, std::vector<std::string>{expected});
+        EXPECT_EQ(kvtest::shell().commands, std::vector<std::string>{expected});
     }
-    kvtest::systemDryRun = false;
+    kvtest::shell().dryRun = false;
     EXPECT_TRUE(isFolder("new") && isFolder("kept") && isFolder("existing/src") && isFolder("existing/s"));
     EXPECT_THROW(os_folder_copy("src", "/", false), std::out_of_range);
     EXPECT_THROW(os_folder_copy("//", "existing", false), std::out_of_range);

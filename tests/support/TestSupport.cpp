@@ -1,9 +1,8 @@
 #include "TestSupport.h"
 
 #include <dirent.h>
-#include <fcntl.h>
+#include <ftw.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,24 +10,41 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <ftw.h>
+#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
 namespace kvtest {
+
+namespace {
+
+// An unnamed temporary file; what a process writes there is read back once
+// it is done, so nothing has to drain it meanwhile.
+FILE* openCaptureFile() {
+    FILE* file = tmpfile();
+    if (file == nullptr)
+        throw std::runtime_error("tmpfile failed");
+    return file;
+}
+
+std::string readBack(FILE* file) {
+    lseek(fileno(file), 0, SEEK_SET);
+    std::string text = readAll(fileno(file));
+    fclose(file);
+    return text;
+}
+
+} // namespace
+
 std::string readAll(int fd) {
     std::string text;
     char buffer[4096];
     for (;;) {
         const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n > 0) {
+        if (n > 0)
             text.append(buffer, static_cast<size_t>(n));
-        } else if (n < 0 && errno == EINTR) {
-            continue;
-        } else {
+        else if (n == 0 || errno != EINTR)
             return text;
-        }
     }
 }
 
@@ -48,72 +64,47 @@ bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status) {
     }
 }
 
-Child::Child(std::function<int()> body, bool captureStdout) {
-    int pipeFds[2] = {-1, -1};
-    if (captureStdout && pipe(pipeFds) != 0)
-        throw std::runtime_error("pipe failed");
-    fflush(stdout);
-    fflush(stderr);
+Child::Child(std::function<int()> body, bool captureStdout) : m_output(captureStdout ? openCaptureFile() : nullptr) {
+    fflush(nullptr);
     m_pid = fork();
     if (m_pid < 0)
         throw std::runtime_error("fork failed");
     if (m_pid == 0) {
-        if (captureStdout) {
-            close(pipeFds[0]);
-            dup2(pipeFds[1], STDOUT_FILENO);
-            close(pipeFds[1]);
-        }
-        int code = 99;
+        if (m_output != nullptr)
+            dup2(fileno(m_output), STDOUT_FILENO);
+        int code = 98; // the body threw
         try {
             code = body();
         } catch (...) {
-            code = 98;
         }
         fflush(stdout);
         _exit(code);
     }
-    if (captureStdout) {
-        close(pipeFds[1]);
-        m_outputFd = pipeFds[0];
-    }
 }
 
 Child::~Child() {
-    if (!m_reaped && m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    if (m_outputFd >= 0)
-        close(m_outputFd);
+    if (m_pid > 0)
+        wait(0ms);
 }
 
 ChildResult Child::wait(std::chrono::milliseconds timeout) {
     ChildResult result;
-    if (m_reaped)
+    if (m_pid <= 0)
         return result;
-    // Drain the output pipe on a helper thread so a chatty child never blocks.
-    std::string output;
-    std::thread reader;
-    if (m_outputFd >= 0)
-        reader = std::thread([this, &output] { output = readAll(m_outputFd); });
     int status = 0;
     result.timedOut = reapWithin(m_pid, timeout, status);
-    m_reaped = true;
-    if (reader.joinable())
-        reader.join();
-    result.output = std::move(output);
-    if (WIFEXITED(status)) {
-        result.exited = true;
-        result.exitCode = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signal = WTERMSIG(status);
-    }
+    m_pid = -1;
+    if (m_output != nullptr)
+        result.output = readBack(m_output);
+    m_output = nullptr;
+    result.exited = WIFEXITED(status);
+    result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
+    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return result;
 }
 
 ChildResult runInChild(std::function<int()> body, std::chrono::milliseconds timeout, bool captureStdout) {
-    Child child(std::move(body), captureStdout);
-    return child.wait(timeout);
+    return Child(std::move(body), captureStdout).wait(timeout);
 }
 
 std::string namePrefix() {
@@ -127,14 +118,13 @@ std::string uniqueName(const std::string& tag) {
 
 std::vector<std::string> shmEntriesContaining(const std::string& fragment) {
     std::vector<std::string> names;
-    DIR* dir = opendir("/dev/shm");
-    if (dir == nullptr)
-        return names;
-    while (dirent* entry = readdir(dir)) {
-        if (std::strstr(entry->d_name, fragment.c_str()) != nullptr)
-            names.emplace_back(entry->d_name);
+    if (DIR* dir = opendir("/dev/shm")) {
+        while (dirent* entry = readdir(dir)) {
+            if (std::string(entry->d_name).find(fragment) != std::string::npos)
+                names.emplace_back(entry->d_name);
+        }
+        closedir(dir);
     }
-    closedir(dir);
     return names;
 }
 
@@ -167,32 +157,24 @@ TempDir::~TempDir() {
 }
 
 std::string captureStdout(const std::function<void()>& body) {
+    FILE* output = openCaptureFile();
     fflush(stdout);
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0)
-        throw std::runtime_error("pipe failed");
     const int saved = dup(STDOUT_FILENO);
-    dup2(pipeFds[1], STDOUT_FILENO);
-    close(pipeFds[1]);
-    std::string output;
-    std::thread reader([&] { output = readAll(pipeFds[0]); });
+    dup2(fileno(output), STDOUT_FILENO);
     // Restores stdout on every way out of the body, exceptions included.
     struct Restore {
-        int saved, readEnd;
-        std::thread& reader;
+        int saved;
         ~Restore() {
             fflush(stdout);
             dup2(saved, STDOUT_FILENO);
             close(saved);
-            reader.join();
-            close(readEnd);
         }
     };
     {
-        Restore restore{saved, pipeFds[0], reader};
+        const Restore restore{saved};
         body();
     }
-    return output;
+    return readBack(output);
 }
 
 } // namespace kvtest

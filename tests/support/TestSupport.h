@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -28,6 +29,7 @@ struct ChildResult {
 
 // A forked child running `body`; its return value becomes the exit code.
 // The child leaves through _exit, so no atexit handler of the test runs twice.
+// What it prints is kept when `captureStdout`.
 class Child {
 public:
     explicit Child(std::function<int()> body, bool captureStdout = false);
@@ -40,9 +42,8 @@ public:
     ChildResult wait(std::chrono::milliseconds timeout = kDefaultTimeout);
 
 private:
+    FILE* m_output;
     pid_t m_pid = -1;
-    int m_outputFd = -1;
-    bool m_reaped = false;
 };
 
 // Everything readable from `fd` until end of file (EINTR resumed).
@@ -79,15 +80,17 @@ private:
     std::string m_path;
 };
 
-// The system() stand-in (SystemStandIn.cpp): every command the library hands
-// to system() is recorded; in a dry run it is answered with systemFakeStatus
-// instead of being run.
-extern std::vector<std::string> systemCommands;
-extern bool systemDryRun;
-extern int systemFakeStatus;
-
 // Runs `body` with stdout redirected and returns what it printed.
 std::string captureStdout(const std::function<void()>& body);
+
+// What the test programs' system() saw: the commands in order; in a dry run
+// none is run and each is answered with `status`.
+struct ShellRecord {
+    std::vector<std::string> commands;
+    bool dryRun = false;
+    int status = 0;
+};
+ShellRecord& shell();
 
 } // namespace kvtest
 

@@ -28,18 +28,6 @@ void addUnder(const NamedKind& kind, void* mutex, volatile long* counter, int ro
     }
 }
 
-// The mutex of a named mutex's memory (offset 4), as another thread finds it.
-int trylockFromAnotherThread(const MappedObject& memory) {
-    pthread_mutex_t* mutex = reinterpret_cast<pthread_mutex_t*>(memory.bytes + 4);
-    int result = -1;
-    std::thread([&] {
-        result = pthread_mutex_trylock(mutex);
-        if (result == 0)
-            pthread_mutex_unlock(mutex);
-    }).join();
-    return result;
-}
-
 TEST(PrivateMutex, ExcludesThreadsAndTheRecursiveTypeNests) {
     for (const NamedKind& kind : kMutexKinds) {
         void* mutex = kind.create(nullptr);
@@ -88,7 +76,11 @@ TEST_F(NamedMutex, SecondCreatorFindsTheMutexHeldAndOfTheFirstCreatorsType) {
         if (again == 0)
             kind.give(first);
         kind.give(first);
-        EXPECT_EQ(trylockFromAnotherThread(memory), 0) << kind.label;
+        const ChildResult other = runInChild([&] {
+            const int result = pthread_mutex_trylock(mutex);
+            return result == 0 ? pthread_mutex_unlock(mutex) : result;
+        });
+        EXPECT_EQ(other.exitCode, 0) << kind.label << ": left held";
         kind.destroy(first);
     }
 }

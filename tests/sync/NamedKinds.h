@@ -36,31 +36,26 @@ void destroyThrough(void*& variable) {
     variable = handle;
 }
 
-template <class H>
-H* as(void* handle) {
-    return static_cast<H*>(handle);
-}
+// One row: the kind's handle type, how it is made from a name, and its
+// destroy, take and give functions.
+#define KVTEST_KIND(label, size, mutexOffset, H, make, destroy, take, give)                                   \
+    NamedKind {                                                                                               \
+        label, size, mutexOffset, [](const char* name) -> void* { return make; }, destroyThrough<H, destroy>, \
+            [](void* h) { take(static_cast<H*>(h)); }, [](void* h) { give(static_cast<H*>(h)); }              \
+    }
 
 inline const std::vector<NamedKind>& namedKinds() {
     static const std::vector<NamedKind> kinds = {
-        {"mutex", 52, 4, [](const char* name) -> void* { return os_mutex_create(name); },
-         destroyThrough<mutex_handle, os_mutex_destroy>, [](void* h) { os_mutex_lock(as<mutex_handle>(h)); },
-         [](void* h) { os_mutex_unlock(as<mutex_handle>(h)); }},
-        {"recursive", 52, 4, [](const char* name) -> void* { return os_recursive_mutex_create(name); },
-         destroyThrough<recursive_mutex_handle, os_recursive_mutex_destroy>,
-         [](void* h) { os_recursive_mutex_lock(as<recursive_mutex_handle>(h)); },
-         [](void* h) { os_recursive_mutex_unlock(as<recursive_mutex_handle>(h)); }},
-        {"event", 104, 4, [](const char* name) -> void* { return os_event_create(false, false, name); },
-         destroyThrough<event_handle, os_event_destroy>, [](void* h) { os_event_wait(as<event_handle>(h)); },
-         [](void* h) { os_event_set_event(as<event_handle>(h)); }},
-        {"semaphore", 37, 0, [](const char* name) -> void* { return os_semaphore_create(0, name); },
-         destroyThrough<semaphore_handle, os_semaphore_destroy>,
-         [](void* h) { os_semaphore_wait(as<semaphore_handle>(h)); },
-         [](void* h) { os_semaphore_release(as<semaphore_handle>(h)); }},
-        {"rwmutex", 152, 12, [](const char* name) -> void* { return os_rw_mutex_create(name); },
-         destroyThrough<rw_mutex_handle, os_rw_mutex_destroy>,
-         [](void* h) { os_rw_mutex_lock_wr(as<rw_mutex_handle>(h)); },
-         [](void* h) { os_rw_mutex_unlock(as<rw_mutex_handle>(h)); }},
+        KVTEST_KIND("mutex", 52, 4, mutex_handle, os_mutex_create(name), os_mutex_destroy, os_mutex_lock,
+                    os_mutex_unlock),
+        KVTEST_KIND("recursive", 52, 4, recursive_mutex_handle, os_recursive_mutex_create(name),
+                    os_recursive_mutex_destroy, os_recursive_mutex_lock, os_recursive_mutex_unlock),
+        KVTEST_KIND("event", 104, 4, event_handle, os_event_create(false, false, name), os_event_destroy,
+                    os_event_wait, os_event_set_event),
+        KVTEST_KIND("semaphore", 37, 0, semaphore_handle, os_semaphore_create(0, name), os_semaphore_destroy,
+                    os_semaphore_wait, os_semaphore_release),
+        KVTEST_KIND("rwmutex", 152, 12, rw_mutex_handle, os_rw_mutex_create(name), os_rw_mutex_destroy,
+                    os_rw_mutex_lock_wr, os_rw_mutex_unlock),
     };
     return kinds;
 }

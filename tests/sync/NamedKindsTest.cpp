@@ -24,9 +24,10 @@ TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRe
         EXPECT_EQ(openCountOf(shared), 1) << kind.label;
         const ChildResult second = runInChild([&] {
             void* other = kind.create(shared.c_str());
-            const bool counted = openCountOf(shared) == 2;
+            if (openCountOf(shared) != 2)
+                return 1;
             kind.destroy(other);
-            return counted && other == nullptr ? 0 : 1;
+            return other == nullptr ? 0 : 2;
         });
         EXPECT_EQ(second.exitCode, 0) << kind.label;
         EXPECT_EQ(openCountOf(shared), 1) << kind.label << ": a destroy counts its handle out";
@@ -35,8 +36,6 @@ TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRe
         EXPECT_EQ(segmentSize(shared), -1) << kind.label << ": the last destroy removes the memory";
     }
     EXPECT_TRUE(shmEntriesContaining(namePrefix()).empty());
-    stopManager();
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
 // Creates every kind on `name` in a child and takes each twice, which blocks
@@ -107,7 +106,6 @@ TEST_F(NamedKinds, EmptyAndOverlongNamesGiveHandlesThatReturnAtOnce) {
     EXPECT_EQ(takeTwiceOnEveryKind(std::string(1023, 'n')),
               "can't access memory file[(null)], create event failed\n"
               "can't access memory file[(null)], create semaphore failed\n");
-    EXPECT_EQ(takeTwiceOnEveryKind(std::string(1024, 'n')), "");
 }
 
 TEST(NamedKindsWithoutManager, HandlesAreUnusableAfterTheChannelsFourMessages) {

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "NamedKinds.h"
 #include "SyncTestSupport.h"
@@ -61,44 +60,34 @@ protected:
     OwnedLock m_lock;
 };
 
-TEST_P(RWMutex, WriterWaitsForEveryReaderWhileLaterReadersGoFirst) {
+// This thread reads first and leaves first: a named lock's hold mutex refuses
+// an unlock by a reader that did not take it, so the lock must stay usable
+// when the last reader is not the first, and this thread must not keep the
+// hold mutex on its list of robust mutexes once the lock's memory is unmapped
+// (glibc writes into that list's entries on every later robust lock).
+TEST_P(RWMutex, ReadersShareAWriterWaitsForAllOfThemAndKeepsLaterReadersOut) {
+    const void* robustEntry = firstRobustEntry();
     os_rw_mutex_lock_rd(m_lock.get());
-    Signal readerIn, readerGo, writerIn, writerGo, lateIn, lateGo;
+    Signal readerIn, readerGo, writerIn, writerGo, lateIn, lateGo, laterIn, laterGo;
     const auto reader = locker(false, readerIn, readerGo);
     ASSERT_TRUE(readerIn.waitFor()) << "readers share the lock";
-    EXPECT_TRUE(!GetParam() || MappedObject(m_name).bytes[4] == 2) << "the reader count at offset 4";
+    if (GetParam()) {
+        EXPECT_EQ(MappedObject(m_name).bytes[4], 2) << "the reader count at offset 4";
+    }
     const auto writer = locker(true, writerIn, writerGo);
     EXPECT_FALSE(writerIn.waitFor(50ms));
     const auto late = locker(false, lateIn, lateGo);
     EXPECT_TRUE(lateIn.waitFor()) << "a reader arriving while a writer waits is admitted";
-    readerGo.notify();
-    lateGo.notify();
-    EXPECT_EQ(reader->result(), 0);
-    EXPECT_EQ(late->result(), 0);
-    EXPECT_FALSE(writerIn.waitFor(50ms)) << "the first reader still reads";
-    os_rw_mutex_unlock(m_lock.get());
-    EXPECT_TRUE(writerIn.waitFor());
-    EXPECT_TRUE(!GetParam() || MappedObject(m_name).bytes[8] == 1) << "the writer flag at offset 8";
-    writerGo.notify();
-    EXPECT_EQ(writer->result(), 0);
-}
-
-// A named lock's hold mutex refuses an unlock by a reader that did not take
-// it: the lock must stay usable when the last reader is not the first, and
-// this thread, the first reader, must not keep the hold mutex on its list of
-// robust mutexes once the lock's memory is unmapped (glibc writes into that
-// list's entries on every later robust lock).
-TEST_P(RWMutex, WriterGetsTheLockWhenTheLastReaderIsNotTheFirstAndKeepsReadersOut) {
-    const void* robustEntry = firstRobustEntry();
-    os_rw_mutex_lock_rd(m_lock.get());
-    Signal readerIn, readerGo, writerIn, writerGo, laterIn, laterGo;
-    const auto reader = locker(false, readerIn, readerGo);
-    ASSERT_TRUE(readerIn.waitFor());
     os_rw_mutex_unlock(m_lock.get()); // the first reader leaves first
     readerGo.notify();
     EXPECT_EQ(reader->result(), 0);
-    const auto writer = locker(true, writerIn, writerGo);
+    EXPECT_FALSE(writerIn.waitFor(50ms)) << "a reader still reads";
+    lateGo.notify();
+    EXPECT_EQ(late->result(), 0);
     EXPECT_TRUE(writerIn.waitFor()) << "a writer must get the lock once every reader has left";
+    if (GetParam()) {
+        EXPECT_EQ(MappedObject(m_name).bytes[8], 1) << "the writer flag at offset 8";
+    }
     const auto later = locker(false, laterIn, laterGo);
     EXPECT_FALSE(laterIn.waitFor(50ms)) << "a reader waits for the writer";
     writerGo.notify();
@@ -107,39 +96,7 @@ TEST_P(RWMutex, WriterGetsTheLockWhenTheLastReaderIsNotTheFirstAndKeepsReadersOu
     EXPECT_EQ(writer->result(), 0);
     EXPECT_EQ(later->result(), 0);
     m_lock.reset();
-    EXPECT_EQ(firstRobustEntry(), robustEntry);
-}
-
-// The first reader is another thread of this process and this thread reads
-// last. A robust hold mutex could be released only by its owner, so the first
-// reader must not keep it: on its list of robust mutexes it would stay after
-// the lock's memory is gone, and glibc writes into that list on the thread's
-// next robust lock.
-class NamedRWMutexHold : public SyncTest {};
-
-TEST_F(NamedRWMutexHold, FirstReaderThreadKeepsNoRobustEntry) {
-    const std::string shared = name("rw");
-    OwnedLock lock = openMapped(shared, [&] { return OwnedLock(os_rw_mutex_create(shared.c_str())); });
-    Signal firstIn, firstGo, firstOut;
-    const void* before = nullptr;
-    const void* after = nullptr;
-    std::thread first([&] {
-        before = firstRobustEntry();
-        os_rw_mutex_lock_rd(lock.get());
-        firstIn.notify();
-        firstGo.waitFor();
-        os_rw_mutex_unlock(lock.get()); // leaves first
-        after = firstRobustEntry();
-        firstOut.notify();
-    });
-    ASSERT_TRUE(firstIn.waitFor());
-    os_rw_mutex_lock_rd(lock.get());
-    firstGo.notify();
-    const bool firstLeft = firstOut.waitFor();
-    os_rw_mutex_unlock(lock.get()); // the last reader is not the first
-    first.join();
-    ASSERT_TRUE(firstLeft);
-    EXPECT_EQ(after, before) << "the first reader still holds the hold mutex";
+    EXPECT_EQ(firstRobustEntry(), robustEntry) << "the first reader still holds the hold mutex";
 }
 
 // Threads reading and writing one thread-local lock at random: no reader ever

@@ -47,9 +47,10 @@ TEST_F(NamedSemaphore, ProcessesShareOneCounterWhoseLaterCountsAreIgnored) {
     Signal emptied;
     Child other([&] {
         const auto mine = openMapped(shared, [&] { return OwnedSemaphore(os_semaphore_create(5, shared.c_str())); });
-        const bool tookTheOne = takeAtOnce(mine.get()) && !takeAtOnce(mine.get());
+        // Exit codes: 1 the first creator's unit missing, 2 the later count of 5 taken.
+        const int counted = !takeAtOnce(mine.get()) ? 1 : takeAtOnce(mine.get()) ? 2 : 0;
         emptied.notify();
-        return tookTheOne && os_semaphore_wait(mine.get()) ? 0 : 1;
+        return counted != 0 ? counted : os_semaphore_wait(mine.get()) ? 0 : 3;
     });
     ASSERT_TRUE(emptied.waitFor());
     std::this_thread::sleep_for(20ms); // let it block

@@ -190,7 +190,8 @@ TEST(SharedConditionOwnerDeath, WaiterRepairsTheMutexItTakesBack) {
         ConditionWait result = ConditionWait::Woken;
         while (page.word(1) == 0 && result != ConditionWait::TimedOut)
             result = page.condition()->waitUntil(page.mutex(), boundedDeadline());
-        return result == ConditionWait::Woken && pthread_mutex_unlock(page.mutex()) == 0 ? 0 : 1;
+        // Exit codes: 1 not woken, 2 the mutex taken back is not the waiter's.
+        return result != ConditionWait::Woken ? 1 : pthread_mutex_unlock(page.mutex()) == 0 ? 0 : 2;
     });
     ASSERT_TRUE(eventually([&] {
         page.lock();

@@ -51,7 +51,7 @@ TEST(SyncManagerLife, SecondManagerFailsAndRemovesTheChannelMemoryName) {
             const bool semaphoresLeft = presentChannelEntries() ==
                                         std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end());
             os_sync_environment_uninitialize(); // the global is null: nothing happens
-            return !second && semaphoresLeft ? 0 : 2;
+            return second ? 2 : semaphoresLeft ? 0 : 3;
         },
         10s, true);
     EXPECT_EQ(child.exitCode, 0);
@@ -115,7 +115,6 @@ TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
     EXPECT_EQ(segmentSize(served), -1);
     stopManager();
     EXPECT_EQ(segmentSize(stale), -1) << "stop removes every memory still held";
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
 class NamedObjectProtocol : public SyncTest {};
@@ -174,7 +173,8 @@ TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndRemoveNothing) {
         return 0;
     });
     int status = 0;
-    ASSERT_TRUE(running.waitFor() && waitpid(manager.pid(), &status, WUNTRACED) == manager.pid());
+    ASSERT_TRUE(running.waitFor());
+    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
     const std::string unanswered = uniqueName("unanswered");
     NamedObject named;
     bool initialised = false;

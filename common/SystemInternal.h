@@ -1,8 +1,8 @@
 // What the system services share with the folder operations: shell commands
 // built from a fixed format with their one result rule, and the exception a
 // string built from a null pointer raises.
-#ifndef KORVANE_SYSTEM_INTERNAL_H
-#define KORVANE_SYSTEM_INTERNAL_H
+#ifndef KORVANE_COMMON_SYSTEM_INTERNAL_H
+#define KORVANE_COMMON_SYSTEM_INTERNAL_H
 
 #include <cstddef>
 #include <cstdio>

@@ -15,7 +15,7 @@ using namespace korvane::sync;
 
 namespace {
 
-constexpr uint32_t kMutexRequestSize = 52;
+using korvane::layout::kMutexRequestSize;
 
 // Everything a mutex handle is and does, for either type.
 class MutexHandle {

@@ -23,7 +23,7 @@ using korvane::sync::SharedCondition;
 
 namespace {
 
-constexpr uint32_t kRequestSize = 152;
+constexpr uint32_t kRequestSize = korvane::layout::kRWMutexRequestSize;
 constexpr size_t kReadersOffset = 4;
 constexpr size_t kWriterOffset = 8;
 constexpr size_t kGateOffset = 12;

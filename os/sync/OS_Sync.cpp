@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 
 #include <atomic>
 #include <cerrno>
@@ -66,6 +67,16 @@ sem_t* createSemaphore(const char* name, unsigned int value) {
         return semaphore;
     std::printf("Error:can not create %s, errno = %d!\n", name, errno);
     return nullptr;
+}
+
+// A holder that could not read its own start time recorded 0; then only the
+// pid tells, and a process that reused it is taken for the holder.
+bool holderAlive(const LockHolder& holder) {
+    const pid_t pid = static_cast<pid_t>(holder.pid);
+    const uint64_t start = processStartTime(pid);
+    if (holder.start == 0)
+        return start != 0 || kill(pid, 0) == 0 || errno == EPERM;
+    return start == holder.start;
 }
 
 void removeMemory(sharememory_handle*& memory) {
@@ -193,7 +204,7 @@ void os_sync_manager_handle::recoverDeadHolder(uint8_t* channel) {
     timespec held{};
     os_clock_get_clock_span(&m_watchedSince, &now, &held);
     os_clock_adjust_clock_time(&held);
-    if (held.tv_sec < kHeldForSeconds || processStartTime(static_cast<pid_t>(holder.pid)) == holder.start)
+    if (held.tv_sec < kHeldForSeconds || holderAlive(holder))
         return;
     storeChannelWord(channel, layout::kRequestSequenceOffset, 0);
     writeLockHolder(channel, LockHolder());

@@ -12,10 +12,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "korvane/system.h"
+#include "common/UniqueDescriptor.h"
 #include "os/sync/SyncInternal.h"
 
 namespace layout = korvane::layout;
@@ -142,10 +142,17 @@ void writeLockHolder(uint8_t* channel, const LockHolder& holder) {
 }
 
 uint64_t processStartTime(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(file, line))
+    // Read relative to /proc rather than through "/proc/<pid>/stat": an
+    // emulator (qemu-user) fakes a process's own entries under that path, so
+    // a client would record a start time that its manager never sees.
+    const korvane::UniqueDescriptor<close> proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const korvane::UniqueDescriptor<close> file(
+        proc.isOpen() ? openat(proc.get(), (std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC) : -1);
+    char buffer[1024];
+    const ssize_t length = file.isOpen() ? read(file.get(), buffer, sizeof buffer - 1) : -1;
+    if (length <= 0)
         return 0;
+    const std::string line(buffer, static_cast<size_t>(length));
     // The command name (field 2) may hold spaces and parentheses: the fields
     // that follow start after its last ')'.
     const size_t end = line.rfind(')');

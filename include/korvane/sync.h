@@ -8,7 +8,20 @@
 // null: when the name is longer than 1023 characters, no manager runs or it
 // does not answer within 100 ms, the handle is unusable and its operations
 // return at once (waits return false). Timed waits take an absolute deadline
-// on the monotonic clock (os_clock_get_time(1, ...)).
+// on the monotonic clock (os_clock_get_time(1, ...)); a deadline too far off
+// to convert waits as long as it says instead of wrapping into the past.
+//
+// Names refused for named objects (the handle is unusable, nothing is sent
+// and the manager refuses them too): the four channel names below, names
+// starting with "sem." (they would reach the POSIX semaphores in /dev/shm)
+// and names containing '/'. A create whose name already holds an object of
+// another kind (another memory size) gives an unusable handle and one line
+// of output, and leaves that object as it is.
+//
+// A process killed while it holds the channel's lock in the middle of a
+// create or destroy does not block the machine: the manager gives the lock
+// back within 2 s. A late answer from the manager never reaches a later
+// request, and a signal does not cut a create's answer wait short.
 //
 // Every create returns a heap object the caller owns and releases with the
 // family's destroy, which takes the address of the caller's variable, ignores
@@ -58,8 +71,11 @@ KORVANE_API void os_sharememory_destroy(sharememory_handle** handle);
 
 // client_only false: become the machine's sync manager (true when started;
 // false, with a message, when another manager or a crashed one's leftovers
-// hold the channel's names). A second call in one process replaces the
-// running manager without stopping it.
+// hold the channel's names). On return the manager is ready: a named create
+// made right after it is answered. The manager gives the channel's lock back
+// (within 2 s, printing one line) from a process that died holding it. A
+// second call in one process replaces the running manager without stopping
+// it.
 // client_only true: true when a sync manager's channel can be opened; prints
 // one "Error: Can not open ..." line per missing channel resource otherwise.
 KORVANE_API bool os_sync_environment_initialize(bool client_only);
@@ -72,7 +88,8 @@ KORVANE_API void os_sync_environment_uninitialize(void);
 // robust process-shared mutex; a lock whose previous holder died returns
 // holding the repaired mutex.
 
-// Never null; a failed named creation gives an unusable handle.
+// Never null; a failed named creation gives an unusable handle (also for a
+// refused name, or a name holding another kind of object).
 KORVANE_API mutex_handle* os_mutex_create(const char* name);
 // The last handle on a named mutex, in any process, removes its memory.
 KORVANE_API void os_mutex_destroy(mutex_handle** handle);
@@ -114,7 +131,9 @@ KORVANE_API int os_condition_wait_timeout(condition_handle* handle, struct times
 KORVANE_API event_handle* os_event_create(bool manual_reset, bool initial_state, const char* name);
 // The last handle on a named event, in any process, removes its memory.
 KORVANE_API void os_event_destroy(event_handle** handle);
-// Sets the event and wakes its waiters; setting a set event changes nothing.
+// Sets the event and wakes its waiters; setting a set event changes nothing,
+// except after a setter died holding the event's lock: then the waiters are
+// woken again, in case it died before waking them.
 KORVANE_API void os_event_set_event(event_handle* handle);
 KORVANE_API void os_event_reset_event(event_handle* handle);
 // True when the event was set and this wait consumed or passed it; false at
@@ -139,6 +158,7 @@ KORVANE_API bool os_semaphore_set_undo_track(semaphore_handle* handle, bool undo
 KORVANE_API bool os_semaphore_wait(semaphore_handle* handle);
 // True when a unit was taken before the deadline (a free unit is taken even
 // when the deadline has passed); false on time-out, null or unusable handle.
+// A far deadline, up to {INT64_MAX, 999999999}, waits rather than failing.
 KORVANE_API bool os_semaphore_wait_timeout(semaphore_handle* handle, struct timespec deadline);
 // Adds a unit, waking one waiter.
 KORVANE_API void os_semaphore_release(semaphore_handle* handle);

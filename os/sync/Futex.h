@@ -50,11 +50,6 @@ inline bool compareExchange(uint32_t* word, uint32_t& expected, uint32_t desired
     return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 
-// True when a deadline can be handed to the kernel.
-inline bool isValidDeadline(const timespec& deadline) {
-    return deadline.tv_nsec >= 0 && deadline.tv_nsec < 1000000000L;
-}
-
 // Sleeps while *word holds `expected`, until woken or until the absolute
 // `deadline` (null: none) on `clock` has passed. Returns 0 when woken or when
 // the word no longer held `expected`, ETIMEDOUT (also at once for a deadline

@@ -12,6 +12,7 @@
 
 #include "korvane/sync.h"
 #include "korvane/system.h"
+#include "os/sync/Deadline.h"
 #include "os/sync/SyncObjects.h"
 #include "os/sync/SysVSemaphore.h"
 #include "common/HandleFrame.h"
@@ -19,6 +20,7 @@
 using korvane::sync::ConditionWait;
 using korvane::sync::SharedCondition;
 using korvane::sync::SharedSemaphore;
+namespace deadline = korvane::sync::deadline;
 namespace sysv = korvane::sync::sysv;
 
 namespace {
@@ -33,9 +35,10 @@ struct EventLayout {
     uint32_t requestSize;
     size_t flagsOffset;
 };
-constexpr EventLayout kConditionLayout{korvane::layout::kEventConditionRequestSize, 100};
-constexpr EventLayout kSemaphoreLayout{korvane::layout::kEventSemaphoreRequestSize, 84};
-constexpr EventLayout kSystemVLayout{korvane::layout::kEventSystemVRequestSize, 56};
+namespace layout = korvane::layout;
+constexpr EventLayout kConditionLayout{layout::kEventConditionRequestSize, 100};
+constexpr EventLayout kSemaphoreLayout{layout::kEventSemaphoreRequestSize, 84};
+constexpr EventLayout kSystemVLayout{layout::kEventSystemVRequestSize, 56};
 
 static_assert(kMutexOffset + sizeof(pthread_mutex_t) <= kWakeUpOffset, "the mutex fits its 48-byte slot");
 static_assert(kWakeUpOffset + sizeof(SharedCondition) <= kConditionLayout.flagsOffset, "condition slot");
@@ -50,15 +53,6 @@ const EventLayout& layoutFor(bool systemV, bool useCondition) {
     if (systemV)
         return kSystemVLayout;
     return useCondition ? kConditionLayout : kSemaphoreLayout;
-}
-
-// Whole milliseconds left until the monotonic deadline, truncated.
-int64_t millisecondsUntil(const timespec& deadline) {
-    timespec now{};
-    timespec span{};
-    os_clock_get_time(CLOCK_MONOTONIC, &now);
-    os_clock_get_clock_span(&now, &deadline, &span);
-    return static_cast<int64_t>(span.tv_sec) * 1000 + span.tv_nsec / 1000000;
 }
 
 } // namespace
@@ -188,10 +182,13 @@ void event_handle::unlockMutex() {
 }
 
 void event_handle::set() {
-    if (!usable() || !lockMutex())
+    bool repaired = false;
+    if (!usable() || !korvane::sync::robustLock(m_mutex, &repaired))
         return;
     // A second set without a wait between posts nothing: the sets count once.
-    if (*m_state == 0) {
+    // But a setter that died holding the mutex may have stored the state
+    // without waking anyone: after a repair the waiters are woken regardless.
+    if (*m_state == 0 || repaired) {
         *m_state = 1;
         wake();
     }
@@ -233,7 +230,7 @@ bool event_handle::waitUntil(const timespec& deadline) {
     // condition waits refuse it at once, so the loop would spin with the
     // mutex held (keeping every setter out) until its seconds came round. It
     // counts as passed, in every mode alike.
-    const bool waitable = deadline.tv_nsec >= 0 && deadline.tv_nsec < 1000000000L;
+    const bool waitable = korvane::sync::deadline::isValid(deadline);
     while (waitable && *m_state == 0 && blockUntil(deadline)) {
     }
     const bool result = consumeState();
@@ -305,9 +302,9 @@ bool event_handle::blockUntil(const timespec& deadline) {
     const Mechanism how = mechanism();
     if (how == Mechanism::PrivateCondition) {
         pthread_cond_timedwait(m_condition, m_mutex, &deadline);
-        return millisecondsUntil(deadline) >= 1;
+        return deadline::hasTimeLeft(deadline);
     }
-    timespec remaining = sysv::remainingTime(deadline);
+    timespec remaining = deadline::timeLeft(deadline);
     if (remaining.tv_sec < 0 || (remaining.tv_sec == 0 && remaining.tv_nsec == 0))
         return false;
     switch (how) {
@@ -316,8 +313,7 @@ bool event_handle::blockUntil(const timespec& deadline) {
         sysv::waitFor(semaphoreId(), &remaining, false, kOwner);
         return lockMutex();
     case Mechanism::SharedSemaphore: {
-        timespec realtimeDeadline{};
-        os_clock_monotonic_to_realtime(&deadline, &realtimeDeadline);
+        const timespec realtimeDeadline = deadline::toRealtime(deadline);
         unlockMutex();
         sharedSemaphore()->waitUntil(realtimeDeadline);
         return lockMutex();
@@ -325,7 +321,7 @@ bool event_handle::blockUntil(const timespec& deadline) {
     default:
         if (sharedCondition()->waitUntil(m_mutex, deadline) == ConditionWait::LockFailed)
             return false;
-        return millisecondsUntil(deadline) >= 1;
+        return deadline::hasTimeLeft(deadline);
     }
 }
 

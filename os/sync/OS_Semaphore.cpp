@@ -12,11 +12,13 @@
 
 #include "korvane/sync.h"
 #include "korvane/system.h"
+#include "os/sync/Deadline.h"
 #include "os/sync/SyncObjects.h"
 #include "os/sync/SysVSemaphore.h"
 #include "common/HandleFrame.h"
 
 using korvane::sync::SharedSemaphore;
+namespace deadline = korvane::sync::deadline;
 namespace sysv = korvane::sync::sysv;
 
 namespace {
@@ -114,11 +116,10 @@ bool semaphore_handle::waitUntil(const timespec& deadline) {
     if (m_semaphore == nullptr)
         return false;
     if (systemVMode()) {
-        timespec remaining = sysv::remainingTime(deadline);
+        timespec remaining = deadline::timeLeft(deadline);
         return sysv::waitFor(semaphoreId(), &remaining, m_undo, kOwner);
     }
-    timespec realtimeDeadline{};
-    os_clock_monotonic_to_realtime(&deadline, &realtimeDeadline);
+    timespec realtimeDeadline = deadline::toRealtime(deadline);
     if (named())
         return sharedSemaphore()->waitUntil(realtimeDeadline) == 0;
     return sem_timedwait(static_cast<sem_t*>(m_semaphore), &realtimeDeadline) == 0;

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <future>
 #include <map>
 #include <string>
 
@@ -14,6 +16,7 @@
 #include "os/sync/SyncInternal.h"
 
 using namespace korvane::sync;
+namespace layout = korvane::layout;
 
 class os_sync_manager_handle {
 public:
@@ -32,6 +35,8 @@ public:
 
 private:
     void serve(const MemoryRequest& request);
+    void serveNext(uint8_t* channel, sem_t* finish);
+    void recoverDeadHolder(uint8_t* channel);
     void removeChannel();
 
     std::atomic<bool> m_stop{false};
@@ -40,6 +45,13 @@ private:
     sem_t* m_lockSemaphore = nullptr;
     sharememory_handle* m_channelMemory = nullptr;
     std::map<std::string, sharememory_handle*> m_memories;
+    // Told by the thread once its two semaphores exist (or could not be made).
+    std::promise<void> m_ready;
+    // The request number last served, so that a request is served once.
+    uint32_t m_lastServed = 0;
+    // The lock holder last seen while the lock was taken, and since when.
+    LockHolder m_watchedHolder;
+    timespec m_watchedSince{};
 };
 
 namespace {
@@ -55,6 +67,16 @@ sem_t* createSemaphore(const char* name, unsigned int value) {
         return semaphore;
     std::printf("Error:can not create %s, errno = %d!\n", name, errno);
     return nullptr;
+}
+
+// A holder that could not read its own start time recorded 0; then only the
+// pid tells, and a process that reused it is taken for the holder.
+bool holderAlive(const LockHolder& holder) {
+    const pid_t pid = static_cast<pid_t>(holder.pid);
+    const uint64_t start = processStartTime(pid);
+    if (holder.start == 0)
+        return start != 0 || kill(pid, 0) == 0 || errno == EPERM;
+    return start == holder.start;
 }
 
 void removeMemory(sharememory_handle*& memory) {
@@ -83,8 +105,15 @@ bool os_sync_manager_handle::start() {
         return false;
     }
     m_stop = false;
+    m_ready = std::promise<void>();
+    std::future<void> ready = m_ready.get_future();
+    m_thread = pthread_t{};
     os_thread_create(&m_thread, manager_thread, this, 0);
     m_started = true;
+    // A create made right after this returns must find the request and
+    // finish semaphores. A thread that did not start never tells.
+    if (m_thread != pthread_t{})
+        ready.wait();
     return true;
 }
 
@@ -126,10 +155,63 @@ void os_sync_manager_handle::destroyMemory(const char* name) {
 }
 
 void os_sync_manager_handle::serve(const MemoryRequest& request) {
-    if (request.operation == kCreateRequest && request.size != 0 && !request.name.empty())
+    // The channel's own names and names aliasing other memories or
+    // semaphores are refused from every client, whatever library it runs.
+    if (request.name.empty() || isRefusedName(request.name))
+        return;
+    if (request.operation == kCreateRequest && request.size != 0)
         createMemory(request.name.c_str(), request.size);
-    else if (request.operation == kDestroyRequest && !request.name.empty())
+    else if (request.operation == kDestroyRequest)
         destroyMemory(request.name.c_str());
+}
+
+// Serves the request in the channel and answers it. A numbered request is
+// echoed before the answer is posted, so its client can tell this answer from
+// a late one; a number already served is a stale post (its client gave up
+// and someone may be writing the channel now) and is answered only.
+// Unnumbered requests, from clients that do not number them, are served as
+// they always were.
+void os_sync_manager_handle::serveNext(uint8_t* channel, sem_t* finish) {
+    const uint32_t sequence = loadChannelWord(channel, layout::kRequestSequenceOffset);
+    if (sequence == 0 || sequence != m_lastServed)
+        serve(readMemoryRequest(channel));
+    if (sequence != 0) {
+        m_lastServed = sequence;
+        storeChannelWord(channel, layout::kAnswerSequenceOffset, sequence);
+    }
+    // Every request is answered, whatever it asked and however it went.
+    if (finish != nullptr)
+        sem_post(finish);
+}
+
+// Gives the channel's lock back when the process recorded as holding it has
+// held it for over a second and no longer exists. A holder recorded as 0 (a
+// client that records nothing) is never taken from, and neither is a live
+// one, however long it holds the lock.
+void os_sync_manager_handle::recoverDeadHolder(uint8_t* channel) {
+    constexpr time_t kHeldForSeconds = 1;
+    int value = 1;
+    if (m_lockSemaphore == nullptr || sem_getvalue(m_lockSemaphore, &value) != 0)
+        return;
+    const LockHolder holder = value == 0 ? readLockHolder(channel) : LockHolder();
+    timespec now{};
+    os_clock_get_time(CLOCK_MONOTONIC, &now);
+    if (holder.pid == 0 || holder != m_watchedHolder) {
+        m_watchedHolder = holder;
+        m_watchedSince = now;
+        return;
+    }
+    timespec held{};
+    os_clock_get_clock_span(&m_watchedSince, &now, &held);
+    os_clock_adjust_clock_time(&held);
+    if (held.tv_sec < kHeldForSeconds || holderAlive(holder))
+        return;
+    storeChannelWord(channel, layout::kRequestSequenceOffset, 0);
+    writeLockHolder(channel, LockHolder());
+    sem_post(m_lockSemaphore);
+    std::printf("sync manager: process %u died holding the channel lock; lock released\n", holder.pid);
+    std::fflush(stdout);
+    m_watchedHolder = LockHolder();
 }
 
 void os_sync_manager_handle::manager_thread(void* self) {
@@ -138,19 +220,18 @@ void os_sync_manager_handle::manager_thread(void* self) {
     // and still ends on stop.
     sem_t* request = createSemaphore(kRequestSemaphoreName, 0);
     sem_t* finish = createSemaphore(kFinishSemaphoreName, 0);
-    const uint8_t* channel = static_cast<const uint8_t*>(os_sharememory_get_buffer(manager->m_channelMemory));
+    manager->m_ready.set_value();
+    uint8_t* channel = static_cast<uint8_t*>(os_sharememory_get_buffer(manager->m_channelMemory));
     while (channel != nullptr && !manager->m_stop) {
-        // Polled in 100 ms slices so that stop takes effect within one.
+        // Polled in 100 ms slices so that stop takes effect within one, and
+        // a dead lock holder is noticed within one.
+        manager->recoverDeadHolder(channel);
         if (request == nullptr) {
             os_thread_sleep_milliseconds(100);
             continue;
         }
-        if (!waitForAnswer(request))
-            continue;
-        manager->serve(readMemoryRequest(channel));
-        // Every request is answered, whatever it asked and however it went.
-        if (finish != nullptr)
-            sem_post(finish);
+        if (waitForAnswer(request))
+            manager->serveNext(channel, finish);
     }
     closeSemaphore(finish);
     closeSemaphore(request);

@@ -5,14 +5,20 @@
 // manager to remove the memory).
 #include <fcntl.h>
 #include <sys/ipc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include "korvane/system.h"
+#include "common/UniqueDescriptor.h"
 #include "os/sync/SyncInternal.h"
+
+namespace layout = korvane::layout;
 
 namespace korvane {
 namespace sync {
@@ -72,16 +78,97 @@ void closeSemaphore(sem_t*& semaphore) {
     }
 }
 
-bool waitForAnswer(sem_t* semaphore) {
-    if (semaphore == nullptr)
-        return false;
+timespec answerDeadline() {
     struct timespec now;
     struct timespec deadline;
     os_clock_get_time(CLOCK_MONOTONIC, &now);
     os_clock_monotonic_to_realtime(&now, &deadline);
     deadline.tv_nsec += kAnswerTimeoutNanoseconds;
     os_clock_adjust_clock_time(&deadline);
-    return sem_timedwait(semaphore, &deadline) == 0;
+    return deadline;
+}
+
+bool waitUntil(sem_t* semaphore, const timespec& deadline) {
+    if (semaphore == nullptr)
+        return false;
+    // A signal must not cut the wait short: with a 1 ms interval timer the
+    // answer would never be waited for.
+    while (sem_timedwait(semaphore, &deadline) != 0) {
+        if (errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
+bool waitForAnswer(sem_t* semaphore) {
+    return waitUntil(semaphore, answerDeadline());
+}
+
+bool isRefusedName(const std::string& name) {
+    for (const char* reserved : {kChannelMemoryName, kLockSemaphoreName, kRequestSemaphoreName, kFinishSemaphoreName}) {
+        if (name == reserved)
+            return true;
+    }
+    return name.compare(0, 4, "sem.") == 0 || name.find('/') != std::string::npos;
+}
+
+// The side band's words are shared with other processes and read while they
+// write them: each is read and written whole, never torn.
+uint32_t loadChannelWord(const uint8_t* channel, size_t offset) {
+    return __atomic_load_n(reinterpret_cast<const uint32_t*>(channel + offset), __ATOMIC_ACQUIRE);
+}
+
+void storeChannelWord(uint8_t* channel, size_t offset, uint32_t value) {
+    __atomic_store_n(reinterpret_cast<uint32_t*>(channel + offset), value, __ATOMIC_RELEASE);
+}
+
+LockHolder readLockHolder(const uint8_t* channel) {
+    LockHolder holder;
+    holder.pid = loadChannelWord(channel, layout::kHolderPidOffset);
+    holder.start = __atomic_load_n(reinterpret_cast<const uint64_t*>(channel + layout::kHolderStartOffset),
+                                   __ATOMIC_ACQUIRE);
+    return holder;
+}
+
+// The start time goes in before the pid and comes out after it, so a reader
+// never pairs a pid with another process's start time.
+void writeLockHolder(uint8_t* channel, const LockHolder& holder) {
+    uint64_t* start = reinterpret_cast<uint64_t*>(channel + layout::kHolderStartOffset);
+    if (holder.pid != 0)
+        __atomic_store_n(start, holder.start, __ATOMIC_SEQ_CST);
+    __atomic_store_n(reinterpret_cast<uint32_t*>(channel + layout::kHolderPidOffset), holder.pid, __ATOMIC_SEQ_CST);
+    if (holder.pid == 0)
+        __atomic_store_n(start, holder.start, __ATOMIC_SEQ_CST);
+}
+
+uint64_t processStartTime(pid_t pid) {
+    // Read relative to /proc rather than through "/proc/<pid>/stat": an
+    // emulator (qemu-user) fakes a process's own entries under that path, so
+    // a client would record a start time that its manager never sees.
+    const korvane::UniqueDescriptor<close> proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const korvane::UniqueDescriptor<close> file(
+        proc.isOpen() ? openat(proc.get(), (std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC) : -1);
+    char buffer[1024];
+    const ssize_t length = file.isOpen() ? read(file.get(), buffer, sizeof buffer - 1) : -1;
+    if (length <= 0)
+        return 0;
+    const std::string line(buffer, static_cast<size_t>(length));
+    // The command name (field 2) may hold spaces and parentheses: the fields
+    // that follow start after its last ')'.
+    const size_t end = line.rfind(')');
+    if (end == std::string::npos)
+        return 0;
+    std::istringstream fields(line.substr(end + 1));
+    std::string state;
+    fields >> state; // field 3
+    if (state == "Z" || state == "X")
+        return 0;
+    std::string skipped;
+    for (int field = 4; field < 22; ++field)
+        fields >> skipped;
+    uint64_t start = 0;
+    fields >> start;
+    return start;
 }
 
 } // namespace sync
@@ -129,6 +216,45 @@ void CSyncClient::destroy() {
     }
 }
 
+namespace {
+
+uint8_t* channelOf(const CSyncClient& client) {
+    return static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory));
+}
+
+// This process as the channel records its lock holder. Read once per
+// process: a forked child has its own pid and start time.
+LockHolder thisProcess() {
+    static pid_t cachedPid = 0;
+    static uint64_t cachedStart = 0;
+    const pid_t pid = getpid();
+    if (pid != cachedPid) {
+        cachedStart = processStartTime(pid);
+        cachedPid = pid;
+    }
+    LockHolder holder;
+    holder.pid = static_cast<uint32_t>(pid);
+    holder.start = cachedStart;
+    return holder;
+}
+
+// A number no other request in flight carries: never 0 (the value clients
+// that do not number their requests leave), never the last one answered.
+uint32_t freshSequence(const uint8_t* channel) {
+    static std::atomic<uint64_t> counter{0};
+    timespec now{};
+    os_clock_get_time(CLOCK_MONOTONIC, &now);
+    uint64_t mixed = (static_cast<uint64_t>(getpid()) << 32) ^ static_cast<uint64_t>(now.tv_nsec) ^
+                     (static_cast<uint64_t>(now.tv_sec) << 20) ^ (++counter * 0x9E3779B97F4A7C15ULL);
+    mixed = (mixed ^ (mixed >> 31)) * 0xBF58476D1CE4E5B9ULL;
+    uint32_t sequence = static_cast<uint32_t>(mixed ^ (mixed >> 32));
+    while (sequence == 0 || sequence == loadChannelWord(channel, layout::kAnswerSequenceOffset))
+        ++sequence;
+    return sequence;
+}
+
+} // namespace
+
 void CSyncClient::lockChannel() {
     if (lockSemaphore == nullptr)
         return;
@@ -136,21 +262,50 @@ void CSyncClient::lockChannel() {
     // an open count; a signal must not end this wait.
     while (sem_wait(lockSemaphore) != 0 && errno == EINTR) {
     }
+    if (uint8_t* channel = channelOf(*this))
+        writeLockHolder(channel, thisProcess());
 }
 
 void CSyncClient::unlockChannel() {
-    if (lockSemaphore != nullptr)
-        sem_post(lockSemaphore);
+    if (lockSemaphore == nullptr)
+        return;
+    // Cleared before the lock goes back: once posted, the record would name
+    // a process that no longer holds it.
+    if (uint8_t* channel = channelOf(*this)) {
+        storeChannelWord(channel, layout::kRequestSequenceOffset, 0);
+        writeLockHolder(channel, LockHolder());
+    }
+    sem_post(lockSemaphore);
 }
 
 namespace {
 
 bool sendRequest(CSyncClient& client, const MemoryRequest& request) {
-    uint8_t* channel = static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory));
-    if (channel == nullptr || client.requestSemaphore == nullptr || !writeMemoryRequest(channel, request))
+    uint8_t* channel = channelOf(client);
+    if (channel == nullptr || client.requestSemaphore == nullptr || client.finishSemaphore == nullptr)
         return false;
+    // Answers that came after their clients gave up are still counted on
+    // the finish semaphore; none of them is this request's.
+    while (sem_trywait(client.finishSemaphore) == 0) {
+    }
+    if (!writeMemoryRequest(channel, request))
+        return false;
+    // Numbered last: a manager that sees the number sees the whole request.
+    const uint32_t sequence = freshSequence(channel);
+    storeChannelWord(channel, layout::kRequestSequenceOffset, sequence);
     sem_post(client.requestSemaphore);
-    return waitForAnswer(client.finishSemaphore);
+    const timespec deadline = answerDeadline();
+    while (waitUntil(client.finishSemaphore, deadline)) {
+        // A manager that does not number its answers leaves 0 there: its
+        // answer is taken as this request's, as it always was.
+        const uint32_t answered = loadChannelWord(channel, layout::kAnswerSequenceOffset);
+        if (answered == 0 || answered == sequence)
+            return true;
+    }
+    // Taken back when the manager has not picked it up yet, so that it does
+    // not serve a request whose client has gone on.
+    sem_trywait(client.requestSemaphore);
+    return false;
 }
 
 } // namespace
@@ -202,11 +357,22 @@ key_t memoryFileKey(const std::string& name, const char* family) {
     return key;
 }
 
+// False, with a message, when the memory of `name` is not `requestSize`
+// bytes long: an object of another kind already has the name.
+bool hasRequestSize(const std::string& name, uint32_t requestSize) {
+    struct stat status {};
+    if (stat(("/dev/shm/" + name).c_str(), &status) != 0 || status.st_size == requestSize)
+        return true;
+    std::printf("Error: %s holds another kind of object (%lld bytes, not %u)!\n", name.c_str(),
+                static_cast<long long>(status.st_size), requestSize);
+    return false;
+}
+
 } // namespace
 
 bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requestSize, const char* ftokFamily,
                              const InitialiseInPlace& initialise) {
-    if (name == nullptr || std::strlen(name) > kMaximumNameLength)
+    if (name == nullptr || std::strlen(name) > kMaximumNameLength || isRefusedName(name))
         return false;
     OS::CSyncClient client;
     if (!client.create())
@@ -224,6 +390,8 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
     // the handle stays unusable.
     if (usable)
         named.memory = os_sharememory_open(name);
+    if (named.memory != nullptr && !hasRequestSize(named.name, requestSize))
+        os_sharememory_destroy(&named.memory); // another kind's object: not ours to count or build
     if (named.memory != nullptr) {
         uint32_t& count = named.openCount();
         if (count == 0) {

@@ -22,7 +22,9 @@ bool repairAfterOwnerDeath(pthread_mutex_t* mutex) {
 
 } // namespace
 
-bool robustLock(pthread_mutex_t* mutex) {
+bool robustLock(pthread_mutex_t* mutex, bool* repaired) {
+    if (repaired != nullptr)
+        *repaired = false;
     if (mutex == nullptr)
         return false;
     const int result = pthread_mutex_lock(mutex);
@@ -35,6 +37,8 @@ bool robustLock(pthread_mutex_t* mutex) {
         // lock rather than the one that reported the death.
         pthread_mutex_unlock(mutex);
         pthread_mutex_lock(mutex);
+        if (repaired != nullptr)
+            *repaired = true;
         return true;
     }
     std::printf("mutex lock error:%d.\n", result);

@@ -1,5 +1,6 @@
 #include "os/sync/SharedCondition.h"
 
+#include "os/sync/Deadline.h"
 #include "os/sync/Futex.h"
 #include "os/sync/SyncInternal.h"
 
@@ -31,7 +32,7 @@ ConditionWait SharedCondition::wait(pthread_mutex_t* mutex) {
 }
 
 ConditionWait SharedCondition::waitUntil(pthread_mutex_t* mutex, const timespec& deadline) {
-    if (!futex::isValidDeadline(deadline))
+    if (!deadline::isValid(deadline))
         return ConditionWait::BadDeadline;
     return sleep(mutex, &deadline);
 }

@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "os/sync/Deadline.h"
 #include "os/sync/Futex.h"
 
 namespace korvane {
@@ -48,7 +49,7 @@ int SharedSemaphore::wait() {
 
 int SharedSemaphore::waitUntil(const timespec& deadline) {
     // Checked first, as sem_timedwait does, even when a unit is free.
-    if (!futex::isValidDeadline(deadline))
+    if (!deadline::isValid(deadline))
         return EINVAL;
     return sleepAndTake(&deadline);
 }

@@ -43,13 +43,19 @@ public:
 
     // The channel's lock semaphore, taken without a time limit (a signal
     // does not end the wait) and given back. Nothing happens when it is not
-    // open.
+    // open. While it holds the lock the client records this process (pid and
+    // start time) past the request in the channel page, so that a manager
+    // can give the lock back once this process has died holding it.
     void lockChannel();
     void unlockChannel();
     // With the channel locked: writes a create (or destroy) request, posts
     // the request semaphore and waits for the manager's answer on the
-    // finish semaphore (100 ms). True when the manager answered; false also
-    // when the name does not fit the channel memory (nothing is sent then).
+    // finish semaphore (100 ms, signals resumed). Each request carries a
+    // fresh sequence number that the manager echoes, so an answer left over
+    // from an earlier client is told apart and waited past; answers still
+    // pending from earlier clients are drained first. True when the manager
+    // answered this request; false also when the name does not fit the
+    // channel memory (nothing is sent then).
     bool requestCreate(const char* name, uint32_t size);
     bool requestDestroy(const char* name);
 
@@ -73,8 +79,32 @@ extern const char kRequestSemaphoreName[];  // "os_mutex_manage_request_semaphor
 extern const char kFinishSemaphoreName[];   // "os_mutex_manage_finish_semaphore"
 
 using layout::kChannelMemorySize;
-constexpr size_t kMaximumNameLength = 1023; // longer names never reach the manager
 using layout::kOpenCountSize;               // the object starts after the open count
+constexpr size_t kMaximumNameLength = 1023; // longer names never reach the manager
+
+// Names no named synchronisation object may take, in the client and in the
+// manager alike: the channel's own four names, any name that lands among the
+// POSIX semaphores ("sem." prefix in /dev/shm), and any name with a '/'
+// (a leading one names the same memory as the name without it, inner ones
+// are refused by the platform). Creating or destroying an object under such a
+// name would remove the channel or another application's semaphore.
+bool isRefusedName(const std::string& name);
+
+// The side band of the channel page (past the request; see NamedLayouts.h).
+// Fields are read and written as whole atomic words.
+struct LockHolder {
+    uint32_t pid = 0;   // 0: nobody recorded (a client that does not record)
+    uint64_t start = 0; // start time of that process, clock ticks since boot
+    bool operator==(const LockHolder& other) const { return pid == other.pid && start == other.start; }
+    bool operator!=(const LockHolder& other) const { return !(*this == other); }
+};
+LockHolder readLockHolder(const uint8_t* channel);
+void writeLockHolder(uint8_t* channel, const LockHolder& holder);
+uint32_t loadChannelWord(const uint8_t* channel, size_t offset);
+void storeChannelWord(uint8_t* channel, size_t offset, uint32_t value);
+// The start time of a running process (field 22 of /proc/<pid>/stat); 0 when
+// no such process runs (a zombie has ended) or /proc cannot be read.
+uint64_t processStartTime(pid_t pid);
 
 // The memory request in the channel memory. A create request carries its
 // name from byte 8 (after the size), a destroy request from byte 4 (it has no
@@ -99,8 +129,13 @@ bool writeMemoryRequest(uint8_t* channel, const MemoryRequest& request);
 // the mapping.
 MemoryRequest readMemoryRequest(const uint8_t* channel);
 
-// sem_timedwait on the sync manager's 100 ms answer deadline (monotonic now,
-// converted to realtime, plus 100 ms). True when the semaphore was taken.
+// The sync manager's 100 ms answer deadline: monotonic now, converted to
+// realtime, plus 100 ms.
+timespec answerDeadline();
+// sem_timedwait until `deadline`, resumed after signals. True when the
+// semaphore was taken.
+bool waitUntil(sem_t* semaphore, const timespec& deadline);
+// The two together: a wait for at most 100 ms.
 bool waitForAnswer(sem_t* semaphore);
 
 // The named part of a handle: its name and its named object memory.
@@ -122,7 +157,11 @@ using InitialiseInPlace = std::function<void(uint8_t* object, key_t ftokKey)>;
 // Tears the object down in place, in the last releaser.
 using DestroyInPlace = std::function<void(uint8_t* object)>;
 
-// The create-or-open sequence. `ftokFamily` is null for families without a
+// The create-or-open sequence. A refused name (isRefusedName) leaves the
+// handle unusable without contacting the manager, as an over-long one does;
+// an existing memory whose size is not `requestSize` (an object of another
+// kind under that name) is left untouched and the handle unusable, with a
+// message. `ftokFamily` is null for families without a
 // System V key; otherwise "/dev/shm/<name>" is keyed with ftok once the
 // manager answered, and a failure prints
 // "can't access memory file[(null)], create <ftokFamily> failed\n".
@@ -140,8 +179,8 @@ void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy);
 // pthread_mutex_consistent, unlock, lock again). Prints
 // "mutex lock fixed failed!" when the repair fails and
 // "mutex lock error:%d.\n" on any other error. True when the caller holds
-// a consistent mutex.
-bool robustLock(pthread_mutex_t* mutex);
+// a consistent mutex; `repaired` (when given) tells whether it was repaired.
+bool robustLock(pthread_mutex_t* mutex, bool* repaired = nullptr);
 // Takes a mutex without waiting, repairing it as robustLock does when its
 // previous owner died (then it is held, consistent). EBUSY is silent; any
 // other error prints "[CRITICAL]: unexpected mutex trylock error:%d\n".

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "korvane/system.h"
 
 namespace korvane {
 namespace sync {
@@ -76,15 +75,6 @@ bool wait(int id, bool undo, const char* owner) {
 bool waitFor(int id, const timespec* relativeTimeout, bool undo, const char* owner) {
     sembuf buffer = operation(-1, undo);
     return reportWaitResult(semtimedop(id, &buffer, 1, relativeTimeout), owner, "semtimedop");
-}
-
-timespec remainingTime(const timespec& deadline) {
-    timespec now{};
-    timespec remaining{};
-    os_clock_get_time(CLOCK_MONOTONIC, &now);
-    os_clock_get_clock_span(&now, &deadline, &remaining);
-    os_clock_adjust_clock_time(&remaining);
-    return remaining;
 }
 
 } // namespace sysv

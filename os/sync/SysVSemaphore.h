@@ -34,10 +34,6 @@ bool wait(int id, bool undo, const char* owner);
 // EAGAIN (the time-out). True when a unit was taken.
 bool waitFor(int id, const timespec* relativeTimeout, bool undo, const char* owner);
 
-// The time left until the absolute monotonic `deadline`, normalised: the
-// relative time-out semtimedop takes. Negative or zero once it has passed.
-timespec remainingTime(const timespec& deadline);
-
 } // namespace sysv
 } // namespace sync
 } // namespace korvane

@@ -2,6 +2,7 @@
 // deadline from these functions.
 #include <cerrno>
 #include <ctime>
+#include <limits>
 #include <type_traits>
 
 #include "korvane/system.h"
@@ -81,6 +82,8 @@ void os_clock_adjust_clock_time(struct timespec* time) {
 namespace {
 // Shifts `in` by (to - from) where both clocks are read now, realtime first.
 // The offset is taken afresh on every call: the realtime clock may be stepped.
+// An instant so far off that the shift overflows saturates at the end of the
+// range: a deadline meant as "never" must not wrap round into the past.
 void convertInstant(const struct timespec* in, struct timespec* out, bool toRealtime) {
     if (in == nullptr || out == nullptr)
         return;
@@ -91,9 +94,25 @@ void convertInstant(const struct timespec* in, struct timespec* out, bool toReal
     const struct timespec& from = toRealtime ? monotonic : realtime;
     const struct timespec& to = toRealtime ? realtime : monotonic;
     const struct timespec source = *in; // in and out may be the same record
-    out->tv_sec = wrappingAdd(source.tv_sec, wrappingSubtract(to.tv_sec, from.tv_sec));
-    out->tv_nsec = wrappingAdd(source.tv_nsec, wrappingSubtract(to.tv_nsec, from.tv_nsec));
-    os_clock_adjust_clock_time(out);
+    // The offset between two clock readings is small and normalised; carry
+    // its nanoseconds and the input's whole seconds first, so that only the
+    // last addition of seconds can overflow.
+    struct timespec offset = {wrappingSubtract(to.tv_sec, from.tv_sec), wrappingSubtract(to.tv_nsec, from.tv_nsec)};
+    os_clock_adjust_clock_time(&offset);
+    const long nanoseconds = source.tv_nsec % kNanosecondsPerSecond + offset.tv_nsec; // (-1 s, 2 s)
+    const bool borrow = nanoseconds < 0;
+    const time_t carried = source.tv_nsec / kNanosecondsPerSecond + nanoseconds / kNanosecondsPerSecond -
+                           (borrow ? 1 : 0) + offset.tv_sec;
+    const long rest = nanoseconds % kNanosecondsPerSecond + (borrow ? kNanosecondsPerSecond : 0);
+    time_t seconds = source.tv_sec;
+    if (__builtin_add_overflow(seconds, carried, &seconds)) {
+        const bool late = carried > 0;
+        out->tv_sec = late ? std::numeric_limits<time_t>::max() : std::numeric_limits<time_t>::min();
+        out->tv_nsec = late ? kNanosecondsPerSecond - 1 : 0;
+        return;
+    }
+    out->tv_sec = seconds;
+    out->tv_nsec = rest;
 }
 } // namespace
 

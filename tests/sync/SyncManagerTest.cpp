@@ -183,21 +183,15 @@ TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndRemoveNothing) {
     EXPECT_FALSE(initialised);
     EXPECT_EQ(named.memory, nullptr);
     EXPECT_EQ(lockValue(), 1) << "the lock semaphore must be given back";
-    // A late answer to an earlier request is taken for the answer; the memory
-    // being there, the open succeeds. The release's destroy request then goes
-    // unanswered: the memory is unmapped, its name stays.
+    // An answer left over on the finish semaphore is drained, not taken for
+    // this request's: the memory being there changes nothing.
     sharememory_handle* made = os_sharememory_create(unanswered.c_str(), 52);
     sem_t* finish = sem_open(kFinishSemaphoreName, 0);
     sem_post(finish);
     sem_close(finish);
-    ASSERT_TRUE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr, nullptr));
-    int destroyed = 0;
-    releaseNamedObject(named, [&](uint8_t*) { ++destroyed; });
-    EXPECT_EQ(destroyed, 1);
-    EXPECT_EQ(named.memory, nullptr);
+    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr, nullptr));
     EXPECT_EQ(lockValue(), 1);
     EXPECT_EQ(openCountOf(unanswered), 0);
-    EXPECT_EQ(segmentSize(unanswered), 52) << "without the manager's answer the client removes nothing";
     os_sharememory_close(made, true);
     os_sharememory_destroy(&made);
     kill(manager.pid(), SIGCONT);

@@ -3,6 +3,7 @@
 #include "TestSupport.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -30,8 +31,19 @@ std::vector<std::string> launcher() {
     return words;
 }
 
-pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err) {
-    std::vector<std::string> words = launcher();
+// The service lock of the tools run here lives in a folder of this run.
+[[maybe_unused]] const bool kPrivateRuntimeDirectory = [] {
+    char directory[] = "/tmp/kvt_runtime_XXXXXX";
+    return mkdtemp(directory) != nullptr && setenv("KORVANE_RUNTIME_DIR", directory, 1) == 0;
+}();
+
+pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err,
+                bool asNobody = false) {
+    std::vector<std::string> words;
+    if (asNobody)
+        words = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    for (const std::string& word : launcher())
+        words.push_back(word);
     words.push_back(toolPath(tool));
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -87,9 +99,9 @@ std::string toolPath(const std::string& tool) {
 }
 
 ToolResult runTool(const std::string& tool, const std::vector<std::string>& arguments,
-                   std::chrono::milliseconds timeout) {
+                   std::chrono::milliseconds timeout, bool asNobody) {
     int out = -1, err = -1;
-    const pid_t pid = spawnTool(tool, arguments, out, err);
+    const pid_t pid = spawnTool(tool, arguments, out, err, asNobody);
     return finish(pid, out, err, timeout);
 }
 
@@ -111,6 +123,31 @@ ToolResult BackgroundTool::stop(int signal, std::chrono::milliseconds timeout) {
     ToolResult result = finish(m_pid, m_out, m_err, timeout);
     m_pid = -1;
     return result;
+}
+
+Holder::Holder(const std::function<void()>& setUp) {
+    int ready[2];
+    if (pipe(ready) != 0)
+        throw std::runtime_error("pipe failed");
+    m_child = std::make_unique<Child>([&] {
+        setUp();
+        if (write(ready[1], "r", 1) != 1)
+            return 1;
+        sleep(60);
+        return 0;
+    });
+    close(ready[1]);
+    struct pollfd wait = {ready[0], POLLIN, 0};
+    char byte = 0;
+    const bool up = poll(&wait, 1, static_cast<int>(kDefaultTimeout.count())) == 1 && read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+    if (!up)
+        throw std::runtime_error("the holder did not get ready");
+}
+
+void Holder::kill() {
+    ::kill(m_child->pid(), SIGKILL);
+    m_child->wait();
 }
 
 bool waitForManager(std::chrono::milliseconds timeout) {

@@ -20,24 +20,18 @@ bool channelLeftBehind() {
 }
 
 // One client process: creates each kind of named object, uses it, destroys it.
-int useEveryNamedKind(const std::string& prefix) {
-    mutex_handle* mutex = os_mutex_create((prefix + "_mutex").c_str());
-    os_mutex_lock(mutex);
-    os_mutex_unlock(mutex);
-    event_handle* event = os_event_create(true, false, (prefix + "_event").c_str());
-    os_event_set_event(event);
-    const bool eventSeen = os_event_wait(event);
-    semaphore_handle* semaphore = os_semaphore_create(1, (prefix + "_semaphore").c_str());
-    const bool unitTaken = os_semaphore_wait(semaphore);
-    rw_mutex_handle* lock = os_rw_mutex_create((prefix + "_rw").c_str());
-    os_rw_mutex_lock_wr(lock);
-    os_rw_mutex_unlock(lock);
-    const bool allNamed = kvtest::shmEntriesContaining(prefix).size() == 4;
+int useEveryNamedKind(const std::string& p) {
+    mutex_handle* mutex = os_mutex_create((p + "m").c_str());
+    event_handle* event = os_event_create(true, true, (p + "e").c_str());
+    semaphore_handle* semaphore = os_semaphore_create(1, (p + "s").c_str());
+    rw_mutex_handle* lock = os_rw_mutex_create((p + "w").c_str());
+    const bool served = os_event_wait(event) && os_semaphore_wait(semaphore) &&
+                        kvtest::shmEntriesContaining(p).size() == 4;
     os_rw_mutex_destroy(&lock);
     os_semaphore_destroy(&semaphore);
     os_event_destroy(&event);
     os_mutex_destroy(&mutex);
-    return eventSeen && unitTaken && allNamed ? 0 : 1;
+    return served ? 0 : 1;
 }
 
 TEST(KorvaneSyncd, ServesClientsAndLeavesNothingBehindWhenStopped) {

@@ -3,12 +3,14 @@
 #include "TestSupport.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/mman.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <new>
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
@@ -19,17 +21,6 @@ extern char** environ;
 
 namespace kvtest {
 namespace {
-
-std::vector<std::string> launcher() {
-    std::vector<std::string> words;
-    std::stringstream list(KORVANE_TOOL_LAUNCHER);
-    std::string word;
-    while (std::getline(list, word, ',')) {
-        if (!word.empty())
-            words.push_back(word);
-    }
-    return words;
-}
 
 // The service lock of the tools run here lives in a folder of this run.
 [[maybe_unused]] const bool kPrivateRuntimeDirectory = [] {
@@ -42,7 +33,9 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
     std::vector<std::string> words;
     if (asNobody)
         words = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    for (const std::string& word : launcher())
+    // The launcher is a list of words joined by commas.
+    std::stringstream launcher(KORVANE_TOOL_LAUNCHER);
+    for (std::string word; std::getline(launcher, word, ',');)
         words.push_back(word);
     words.push_back(toolPath(tool));
     words.insert(words.end(), arguments.begin(), arguments.end());
@@ -70,18 +63,12 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
     return pid;
 }
 
-std::string drain(int fd) {
-    std::string text = readAll(fd);
-    close(fd);
-    return text;
-}
-
 // Waits for `pid` at most `timeout`, killing it when the time is up, and
 // collects both outputs on helper threads so a chatty tool never blocks.
 ToolResult finish(pid_t pid, int out, int err, std::chrono::milliseconds timeout) {
     ToolResult result;
-    std::thread outReader([&] { result.out = drain(out); });
-    std::thread errReader([&] { result.err = drain(err); });
+    std::thread outReader([&] { result.out = readAll(out), close(out); });
+    std::thread errReader([&] { result.err = readAll(err), close(err); });
     int status = 0;
     reapWithin(pid, timeout, status);
     outReader.join();
@@ -126,21 +113,16 @@ ToolResult BackgroundTool::stop(int signal, std::chrono::milliseconds timeout) {
 }
 
 Holder::Holder(const std::function<void()>& setUp) {
-    int ready[2];
-    if (pipe(ready) != 0)
-        throw std::runtime_error("pipe failed");
+    void* shared = mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    std::atomic<bool>* ready = new (shared) std::atomic<bool>(false);
     m_child = std::make_unique<Child>([&] {
         setUp();
-        if (write(ready[1], "r", 1) != 1)
-            return 1;
+        *ready = true;
         sleep(60);
         return 0;
     });
-    close(ready[1]);
-    struct pollfd wait = {ready[0], POLLIN, 0};
-    char byte = 0;
-    const bool up = poll(&wait, 1, static_cast<int>(kDefaultTimeout.count())) == 1 && read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
+    const bool up = eventually([&] { return ready->load(); });
+    munmap(shared, sizeof(std::atomic<bool>));
     if (!up)
         throw std::runtime_error("the holder did not get ready");
 }

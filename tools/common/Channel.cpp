@@ -22,9 +22,12 @@ const char* const kSemaphoreNames[] = {KORVANE_SYNC_LOCK_SEMAPHORE, KORVANE_SYNC
                                        KORVANE_SYNC_FINISH_SEMAPHORE};
 
 // This process's start time, in clock ticks since boot: with the pid it names
-// the process uniquely, as pids are reused.
+// the process uniquely, as pids are reused. Read from the main thread's entry:
+// qemu-user rewrites /proc/self/stat with a start time of its own, which the
+// manager, reading /proc/<pid>/stat from outside, would not find.
 uint64_t ownStartTime() {
-    std::ifstream file("/proc/self/stat");
+    const std::string pid = std::to_string(getpid());
+    std::ifstream file("/proc/" + pid + "/task/" + pid + "/stat");
     std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     // Field 2 (the command) may hold spaces; field 3 follows its last ')'.
     std::istringstream fields(text.substr(text.rfind(')') + 2));

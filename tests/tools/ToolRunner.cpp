@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <signal.h>
-#include <spawn.h>
+#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace kvtest {
 namespace {
@@ -31,8 +29,6 @@ namespace {
 pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err,
                 bool asNobody = false) {
     std::vector<std::string> words;
-    if (asNobody)
-        words = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
     // The launcher is a list of words joined by commas.
     std::stringstream launcher(KORVANE_TOOL_LAUNCHER);
     for (std::string word; std::getline(launcher, word, ',');)
@@ -47,16 +43,17 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    // Only async-signal-safe calls between fork and exec: the test runs threads.
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const bool nobody = !asNobody || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
+        if (nobody && dup2(outPipe[1], STDOUT_FILENO) >= 0 && dup2(errPipe[1], STDERR_FILENO) >= 0)
+            execv(argv[0], argv.data());
+        _exit(127);
+    }
     close(outPipe[1]);
     close(errPipe[1]);
-    if (failed != 0)
+    if (pid < 0)
         throw std::runtime_error("cannot start " + words.front());
     out = outPipe[0];
     err = errPipe[0];

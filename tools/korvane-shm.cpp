@@ -30,10 +30,10 @@ void printUsage(FILE* out) {
                  "               korvane-syncd runs or any live process still uses the channel)\n"
                  "  reclaim      remove the orphans through the sync manager, printing each name\n"
                  "example of list:\n"
-                 "  NAME      KIND             SIZE OPEN HOLDERS   ORPHAN STATE\n"
-                 "  cam0      mutex              52    2 812,840   -      locked by tid 815 (pid 812)\n"
-                 "  jobs      semaphore          37    1 -         yes    count 3\n"
-                 "  settings  rw mutex          152    1 812       -      readers 2, writer no, hold free\n");
+                 "  NAME                             KIND              SIZE OPEN HOLDERS      ORPHAN STATE\n"
+                 "  cam0                             mutex               52    2 812,840      -      locked by tid 815 (pid 812)\n"
+                 "  jobs                             semaphore           37    1 -            yes    count 3\n"
+                 "  settings                         rw mutex           152    1 812          -      readers 2, writer no, hold free\n");
 }
 
 std::string joinPids(const std::vector<pid_t>& pids) {

@@ -107,7 +107,8 @@ int main(int argc, char** argv) {
     std::string error;
     if (!takeServiceLock(running, error)) {
         if (running != 0)
-            std::fprintf(stderr, "korvane-syncd: korvane-syncd is already running (pid %d)\n", static_cast<int>(running));
+            std::fprintf(stderr, "korvane-syncd: korvane-syncd is already running (pid %d)\n",
+                         static_cast<int>(running));
         else
             std::fprintf(stderr, "korvane-syncd: cannot take the service lock: %s\n", error.c_str());
         return 1;

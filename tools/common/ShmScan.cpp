@@ -150,7 +150,8 @@ std::vector<NamedObjectMemory> scanNamedObjects(const Mappers& mappers, pid_t ma
         const char* kind = kindOfSize(size);
         if (kind == nullptr)
             continue;
-        NamedObjectMemory object{name, size, readOpenCount(path), mappers.of(path), false, readObjectState(path, size, kind)};
+        NamedObjectMemory object{name, size, readOpenCount(path), mappers.of(path), false,
+                                 readObjectState(path, size, kind)};
         object.holders.erase(std::remove(object.holders.begin(), object.holders.end(), manager),
                              object.holders.end());
         object.orphan = mappers.complete && object.openCount > 0 && object.holders.empty();

@@ -114,16 +114,23 @@ const char* describe(ProbeResult result) {
 }
 
 ChannelClient::~ChannelClient() {
+    close();
+}
+
+void ChannelClient::close() {
     unlock();
-    for (sem_t* semaphore : {m_lock, m_request, m_finish}) {
-        if (semaphore != nullptr)
-            sem_close(semaphore);
+    for (sem_t** semaphore : {&m_lock, &m_request, &m_finish}) {
+        if (*semaphore != nullptr)
+            sem_close(*semaphore);
+        *semaphore = nullptr;
     }
     if (m_page != nullptr)
         munmap(m_page, layout::kChannelTailEnd);
+    m_page = nullptr;
 }
 
 ProbeResult ChannelClient::open() {
+    close();
     m_lock = openSemaphore(KORVANE_SYNC_LOCK_SEMAPHORE);
     m_request = openSemaphore(KORVANE_SYNC_REQUEST_SEMAPHORE);
     m_finish = openSemaphore(KORVANE_SYNC_FINISH_SEMAPHORE);
@@ -131,7 +138,7 @@ ProbeResult ChannelClient::open() {
     if (fd >= 0) {
         // The mapping covers the page, and with it the side band past the request.
         void* page = mmap(nullptr, layout::kChannelTailEnd, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        close(fd);
+        ::close(fd);
         if (page != MAP_FAILED)
             m_page = static_cast<uint8_t*>(page);
     }

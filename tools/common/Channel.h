@@ -48,9 +48,10 @@ public:
     ChannelClient(const ChannelClient&) = delete;
     ChannelClient& operator=(const ChannelClient&) = delete;
 
-    // Opens the four resources: Answering when all opened (nothing is sent),
-    // else NoChannel or NotAccessible.
+    // Opens the four resources (again, when open): Answering when all opened
+    // (nothing is sent), else NoChannel or NotAccessible.
     ProbeResult open();
+    void close();
     bool lock(std::chrono::milliseconds timeout);
     void unlock();
     // With the lock held: writes the request, posts it and waits for the

@@ -87,7 +87,8 @@ int status(bool json) {
         std::puts(out.text().c_str());
     } else {
         std::printf("sync manager: %s", describe(probe));
-        if (probe == ProbeResult::Answering && manager != 0)
+        // A stalled manager is named too: it is the one to look at.
+        if (manager != 0)
             std::printf(" (pid %d)", static_cast<int>(manager));
         if (probe == ProbeResult::NotAccessible)
             std::printf(" (ask to be added to the korvane group)");

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <map>
 #include <string>
@@ -41,6 +42,7 @@ private:
 
     std::atomic<bool> m_stop{false};
     bool m_started = false;
+    bool m_keepObjects = false;
     pthread_t m_thread{};
     sem_t* m_lockSemaphore = nullptr;
     sharememory_handle* m_channelMemory = nullptr;
@@ -59,6 +61,25 @@ namespace {
 // The manager of this process; null when it runs none. Not guarded: it is
 // set and cleared by the process's initialise and uninitialise calls only.
 os_sync_manager_handle* os_sync_manager = nullptr;
+
+// korvane-syncd runs the manager as a service that may be restarted while
+// processes still use their named objects, and sets this variable so that the
+// objects outlive the restart: a create request for a memory that exists with
+// a non-zero open count opens it as it is instead of resetting it, and stop
+// leaves the memories still held in place (the service removes the unused
+// ones itself beforehand). A process hosting the manager without it gets the
+// manager as it has always been.
+constexpr char kKeepObjectsVariable[] = "KORVANE_SYNC_KEEP_OBJECTS";
+
+// The memory of `name` when it exists and is counted in use, else null.
+sharememory_handle* openInUse(const char* name) {
+    sharememory_handle* memory = os_sharememory_open(name);
+    if (memory != nullptr && *static_cast<const uint32_t*>(os_sharememory_get_buffer(memory)) == 0) {
+        os_sharememory_close(memory, false);
+        os_sharememory_destroy(&memory);
+    }
+    return memory;
+}
 
 // Creates one of the manager's semaphores, refusing to adopt a leftover one.
 sem_t* createSemaphore(const char* name, unsigned int value) {
@@ -94,6 +115,8 @@ void os_sync_manager_handle::removeChannel() {
 }
 
 bool os_sync_manager_handle::start() {
+    const char* keep = std::getenv(kKeepObjectsVariable);
+    m_keepObjects = keep != nullptr && std::string(keep) == "1";
     m_channelMemory = os_sharememory_create(kChannelMemoryName, kChannelMemorySize);
     if (m_channelMemory == nullptr)
         return false;
@@ -129,9 +152,14 @@ void os_sync_manager_handle::stop() {
     }
     if (m_channelMemory != nullptr)
         removeChannel();
-    // Every memory still held goes, whether or not other processes use it.
-    for (auto& entry : m_memories)
-        removeMemory(entry.second);
+    // Every memory still held goes, whether or not other processes use it,
+    // unless the objects are kept for the next manager.
+    for (auto& entry : m_memories) {
+        if (m_keepObjects)
+            os_sharememory_destroy(&entry.second);
+        else
+            removeMemory(entry.second);
+    }
     m_memories.clear();
 }
 
@@ -140,7 +168,9 @@ sharememory_handle* os_sync_manager_handle::createMemory(const char* name, unsig
     // An existing memory is handed out as it is: not resized, not cleared.
     if (found != m_memories.end())
         return found->second;
-    sharememory_handle* memory = os_sharememory_create(name, size);
+    sharememory_handle* memory = m_keepObjects ? openInUse(name) : nullptr;
+    if (memory == nullptr)
+        memory = os_sharememory_create(name, size);
     if (memory != nullptr)
         m_memories.emplace(name, memory);
     return memory;

@@ -3,35 +3,36 @@
 #include "TestSupport.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <signal.h>
-#include <spawn.h>
+#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <new>
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
-extern char** environ;
-
 namespace kvtest {
 namespace {
 
-std::vector<std::string> launcher() {
-    std::vector<std::string> words;
-    std::stringstream list(KORVANE_TOOL_LAUNCHER);
-    std::string word;
-    while (std::getline(list, word, ',')) {
-        if (!word.empty())
-            words.push_back(word);
-    }
-    return words;
-}
+// The service lock of the tools run here lives in a folder of this run.
+[[maybe_unused]] const bool kPrivateRuntimeDirectory = [] {
+    char directory[] = "/tmp/kvt_runtime_XXXXXX";
+    return mkdtemp(directory) != nullptr && setenv("KORVANE_RUNTIME_DIR", directory, 1) == 0;
+}();
 
-pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err) {
-    std::vector<std::string> words = launcher();
+pid_t spawnTool(const std::string& tool, const std::vector<std::string>& arguments, int& out, int& err,
+                bool asNobody = false) {
+    std::vector<std::string> words;
+    // The launcher is a list of words joined by commas.
+    std::stringstream launcher(KORVANE_TOOL_LAUNCHER);
+    for (std::string word; std::getline(launcher, word, ',');)
+        words.push_back(word);
     words.push_back(toolPath(tool));
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -42,34 +43,29 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    // Only async-signal-safe calls between fork and exec: the test runs threads.
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const bool nobody = !asNobody || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
+        if (nobody && dup2(outPipe[1], STDOUT_FILENO) >= 0 && dup2(errPipe[1], STDERR_FILENO) >= 0)
+            execv(argv[0], argv.data());
+        _exit(127);
+    }
     close(outPipe[1]);
     close(errPipe[1]);
-    if (failed != 0)
+    if (pid < 0)
         throw std::runtime_error("cannot start " + words.front());
     out = outPipe[0];
     err = errPipe[0];
     return pid;
 }
 
-std::string drain(int fd) {
-    std::string text = readAll(fd);
-    close(fd);
-    return text;
-}
-
 // Waits for `pid` at most `timeout`, killing it when the time is up, and
 // collects both outputs on helper threads so a chatty tool never blocks.
 ToolResult finish(pid_t pid, int out, int err, std::chrono::milliseconds timeout) {
     ToolResult result;
-    std::thread outReader([&] { result.out = drain(out); });
-    std::thread errReader([&] { result.err = drain(err); });
+    std::thread outReader([&] { result.out = readAll(out), close(out); });
+    std::thread errReader([&] { result.err = readAll(err), close(err); });
     int status = 0;
     reapWithin(pid, timeout, status);
     outReader.join();
@@ -87,9 +83,9 @@ std::string toolPath(const std::string& tool) {
 }
 
 ToolResult runTool(const std::string& tool, const std::vector<std::string>& arguments,
-                   std::chrono::milliseconds timeout) {
+                   std::chrono::milliseconds timeout, bool asNobody) {
     int out = -1, err = -1;
-    const pid_t pid = spawnTool(tool, arguments, out, err);
+    const pid_t pid = spawnTool(tool, arguments, out, err, asNobody);
     return finish(pid, out, err, timeout);
 }
 
@@ -111,6 +107,26 @@ ToolResult BackgroundTool::stop(int signal, std::chrono::milliseconds timeout) {
     ToolResult result = finish(m_pid, m_out, m_err, timeout);
     m_pid = -1;
     return result;
+}
+
+Holder::Holder(const std::function<void()>& setUp) {
+    void* shared = mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    std::atomic<bool>* ready = new (shared) std::atomic<bool>(false);
+    m_child = std::make_unique<Child>([&] {
+        setUp();
+        *ready = true;
+        sleep(60);
+        return 0;
+    });
+    const bool up = eventually([&] { return ready->load(); });
+    munmap(shared, sizeof(std::atomic<bool>));
+    if (!up)
+        throw std::runtime_error("the holder did not get ready");
+}
+
+void Holder::kill() {
+    ::kill(m_child->pid(), SIGKILL);
+    m_child->wait();
 }
 
 bool waitForManager(std::chrono::milliseconds timeout) {

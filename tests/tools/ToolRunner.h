@@ -5,8 +5,12 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace kvtest {
 
@@ -19,9 +23,10 @@ struct ToolResult {
 // Path of a built tool (korvane-syncd, korvane-shm).
 std::string toolPath(const std::string& tool);
 
-// Runs a tool to completion (at most `timeout`), capturing its output.
+// Runs a tool to completion (at most `timeout`), capturing its output; as
+// the unprivileged user nobody when `asNobody`.
 ToolResult runTool(const std::string& tool, const std::vector<std::string>& arguments,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(20));
+                   std::chrono::milliseconds timeout = std::chrono::seconds(20), bool asNobody = false);
 
 // A tool left running in the background, killed if still alive at the end.
 class BackgroundTool {
@@ -39,6 +44,18 @@ private:
     pid_t m_pid = -1;
     int m_out = -1;
     int m_err = -1;
+};
+
+// A child process that runs `setUp` (making named objects) and then stays
+// alive holding them until it is killed or the test ends.
+class Holder {
+public:
+    explicit Holder(const std::function<void()>& setUp);
+    pid_t pid() const { return m_child->pid(); }
+    void kill(); // SIGKILL, reaped
+
+private:
+    std::unique_ptr<Child> m_child;
 };
 
 // True once a sync manager answers on the channel (korvane-shm status).

@@ -50,6 +50,12 @@ public:
             raw(std::to_string(pid));
         return endArray();
     }
+    JsonWriter& stringArray(const std::vector<std::string>& values) {
+        beginArray();
+        for (const std::string& value : values)
+            string(value);
+        return endArray();
+    }
 
     const std::string& text() const { return m_text; }
 

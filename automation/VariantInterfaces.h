@@ -11,9 +11,9 @@
 // variant_resolve_as_bool under an internal name that says what it returns:
 // the bool's raw byte. A long long variant resolves to the low byte of its
 // value unnormalised (2 stays 2), which a C++ bool cannot hold without
-// undefined behaviour, so the library handles it as a byte throughout and the
-// exported symbol is this function (see VariantResolve.cpp).
-extern "C" unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
+// undefined behaviour, so the library handles it as a byte throughout, up to
+// the exported function's result register.
+unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
 
 // Reads the variant it is pointed at; borrows it, never frees it. Objects
 // are made with a count of 1 and die through releaseRef.

@@ -58,9 +58,10 @@ TEST(VariantReader, EveryGetterResolvesItsOwnTypeAndLeavesTheVariantAlone) {
 std::vector<int> tagsBySlot(IVariantWrite* writer, tagTVARIANT* v) {
     using Slot = bool (*)(IVariantWrite*, const char*, bool);
     void** slots = *reinterpret_cast<void***>(writer);
+    alignas(256) static const char text[] = "7"; // the text setter's; a byte setter sees the low byte, 0
     std::vector<int> tags;
     for (int slot = 4; slot <= 17; ++slot) {
-        reinterpret_cast<Slot>(slots[slot])(writer, "7", true); // a pointer, for the text setter
+        reinterpret_cast<Slot>(slots[slot])(writer, text, true);
         tags.push_back(v->vt);
     }
     return tags;

@@ -176,8 +176,13 @@ TEST(ApplicationReader, EverySlotReachesItsOperationAndFinalReleaseRunsOnceBefor
     EXPECT_EQ(log, (Log{"type", "unsigned char", "char", "unsigned short", "short", "unsigned int", "int",
                         "unsigned long", "long", "unsigned long long", "long long", "float", "double", "text",
                         "bool", "final release"}));
+    using Count = int64_t (*)(IVariantRead*);
+    void* found = nullptr;
+    EXPECT_TRUE(reinterpret_cast<bool (*)(IVariantRead*, const char*, void**)>(slots[0])(reader, "IBase", &found));
+    EXPECT_EQ(found, reader);
+    EXPECT_EQ(reinterpret_cast<Count>(slots[1])(reader), 3) << "addRef";
+    EXPECT_EQ(reinterpret_cast<Count>(slots[2])(reader), 2) << "releaseRef";
     log.clear();
-    EXPECT_EQ(reader->addRef(), 2);
     EXPECT_EQ(reader->releaseRef(), 1);
     EXPECT_EQ(log, Log{});
     EXPECT_EQ(reader->releaseRef(), 0);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "automation/AutomationInternal.h"
+#include "common/BoolExport.h"
 #include "common/HandleFrame.h"
 
 namespace korvane {
@@ -76,15 +77,15 @@ void bstr_clear(bstr_handle* handle) {
     handle->unit = nullptr;
 }
 
-bool bstr_set_string(bstr_handle* handle, const char* text) {
+KORVANE_BOOL_EXPORT(bstr_set_string, (bstr_handle* handle, const char* text)) {
     return setFrom(handle, text, [](const char* t) { return t == nullptr ? nullptr : korvane::unitFromString(t); });
 }
 
-bool bstr_set_bstrunit(bstr_handle* handle, const bstrunit* unit) {
+KORVANE_BOOL_EXPORT(bstr_set_bstrunit, (bstr_handle* handle, const bstrunit* unit)) {
     return setFrom(handle, unit, korvane::copyUnit);
 }
 
-bool bstr_set_bstr(bstr_handle* destination, bstr_handle* source) {
+KORVANE_BOOL_EXPORT(bstr_set_bstr, (bstr_handle* destination, bstr_handle* source)) {
     // For this setter "nothing to set" is a source handle that is null or
     // holds no string, on the null-destination path as on the others.
     if (destination == nullptr)
@@ -108,7 +109,7 @@ bool sameUnit(const bstrunit* a, const bstrunit* b) {
 }
 } // namespace
 
-bool bstr_equal_bstr(const bstr_handle* a, const bstr_handle* b) {
+KORVANE_BOOL_EXPORT(bstr_equal_bstr, (const bstr_handle* a, const bstr_handle* b)) {
     if (a == nullptr)
         return b == nullptr;
     if (b == nullptr)
@@ -120,7 +121,7 @@ bool bstr_equal_bstr(const bstr_handle* a, const bstr_handle* b) {
     return sameUnit(a->unit, b->unit);
 }
 
-bool bstr_equal_bstrunit(const bstr_handle* handle, const bstrunit* unit) {
+KORVANE_BOOL_EXPORT(bstr_equal_bstrunit, (const bstr_handle* handle, const bstrunit* unit)) {
     if (handle == nullptr || handle->unit == nullptr)
         return unit == nullptr;
     if (unit == nullptr)

@@ -8,6 +8,7 @@
 #include "automation/AutomationInternal.h"
 #include "automation/SafeArrayInternal.h"
 #include "automation/ScalarTypes.h"
+#include "common/BoolExport.h"
 #include "common/HandleFrame.h"
 
 namespace {
@@ -163,7 +164,7 @@ uint32_t safearray_get_element_count(const safearray_handle* handle) {
     return handle == nullptr ? 0 : handle->count;
 }
 
-bool safearray_set_element(safearray_handle* handle, uint32_t index, const void* value) {
+KORVANE_BOOL_EXPORT(safearray_set_element, (safearray_handle* handle, uint32_t index, const void* value)) {
     if (!canUseElement(handle, index, value))
         return false;
     if (handle->vt == TVT_STRING) {
@@ -178,7 +179,7 @@ bool safearray_set_element(safearray_handle* handle, uint32_t index, const void*
     return true;
 }
 
-bool safearray_get_element(const safearray_handle* handle, uint32_t index, void* out) {
+KORVANE_BOOL_EXPORT(safearray_get_element, (const safearray_handle* handle, uint32_t index, void* out)) {
     if (!canUseElement(handle, index, out))
         return false;
     if (handle->vt == TVT_STRING) {
@@ -190,7 +191,7 @@ bool safearray_get_element(const safearray_handle* handle, uint32_t index, void*
     return true;
 }
 
-bool safearray_access_element(safearray_handle* handle, void** out) {
+KORVANE_BOOL_EXPORT(safearray_access_element, (safearray_handle* handle, void** out)) {
     if (handle == nullptr || out == nullptr)
         return false;
     if (handle->count == 0) {
@@ -206,14 +207,14 @@ bool safearray_access_element(safearray_handle* handle, void** out) {
     return true;
 }
 
-bool safearray_unaccess_element(safearray_handle* handle) {
+KORVANE_BOOL_EXPORT(safearray_unaccess_element, (safearray_handle* handle)) {
     if (handle == nullptr)
         return false;
     handle->releaseSnapshots();
     return true;
 }
 
-bool safearray_resize(safearray_handle* handle, uint32_t count) {
+KORVANE_BOOL_EXPORT(safearray_resize, (safearray_handle* handle, uint32_t count)) {
     if (handle == nullptr)
         return false;
     if (count == handle->count)

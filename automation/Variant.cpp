@@ -4,6 +4,7 @@
 
 #include "automation/AutomationInternal.h"
 #include "automation/ScalarTypes.h"
+#include "common/BoolExport.h"
 
 namespace {
 
@@ -144,7 +145,7 @@ void variant_set_float(tagTVARIANT* v, float value, bool keep) { setScalar<TVT_F
 void variant_set_double(tagTVARIANT* v, double value, bool keep) { setScalar<TVT_DOUBLE>(v, value, keep); }
 void variant_set_bool(tagTVARIANT* v, bool value, bool keep) { setScalar<TVT_BOOL>(v, value, keep); }
 
-bool variant_equal_variant(const tagTVARIANT* a, const tagTVARIANT* b) {
+KORVANE_BOOL_EXPORT(variant_equal_variant, (const tagTVARIANT* a, const tagTVARIANT* b)) {
     if (a == nullptr || b == nullptr)
         return a == b;
     if (a->vt != b->vt)
@@ -157,7 +158,7 @@ bool variant_equal_variant(const tagTVARIANT* a, const tagTVARIANT* b) {
     return korvane::dispatchScalar(a->vt, false, [a, b](auto tag) { return sameScalar<decltype(tag)::value>(a, b); });
 }
 
-bool variant_get_datatype_size(TVARTYPE type, uint32_t* bits) {
+KORVANE_BOOL_EXPORT(variant_get_datatype_size, (TVARTYPE type, uint32_t* bits)) {
     const uint32_t size = korvane::dispatchScalar(
         type, uint32_t{0}, [](auto tag) { return static_cast<uint32_t>(8 * sizeof(Scalar<decltype(tag)::value>)); });
     if (bits != nullptr)

@@ -13,6 +13,7 @@
 
 #include "automation/AutomationInternal.h"
 #include "automation/ScalarTypes.h"
+#include "common/BoolExport.h"
 
 namespace {
 
@@ -157,7 +158,7 @@ bool convertFromString(tagTVARIANT* v) {
 
 } // namespace
 
-bool variant_change_type(tagTVARIANT* v, TVARTYPE target) {
+KORVANE_BOOL_EXPORT(variant_change_type, (tagTVARIANT* v, TVARTYPE target)) {
     if (v == nullptr)
         return false;
     if (v->vt == target)

@@ -10,7 +10,7 @@
 
 // variant_resolve_as_bool under an internal name that says what it returns:
 // the bool's raw byte (VariantResolve.cpp says why it is a byte).
-extern "C" unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
+unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v);
 
 // Reads the variant it is pointed at; borrows it, never frees it. Objects
 // are made with a count of 1 and die through releaseRef.

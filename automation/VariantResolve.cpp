@@ -7,6 +7,7 @@
 
 #include "automation/ScalarTypes.h"
 #include "automation/VariantInterfaces.h"
+#include "common/BoolExport.h"
 #include "common/CallerBuffer.h"
 #include "korvane/automation.h"
 
@@ -133,31 +134,20 @@ unsigned long long variant_resolve_as_ulonglong(const tagTVARIANT* v) { return r
 float variant_resolve_as_float(const tagTVARIANT* v) { return resolveAs<TVT_FLOAT>(v); }
 double variant_resolve_as_double(const tagTVARIANT* v) { return resolveAs<TVT_DOUBLE>(v); }
 
-// Callers reach this function as variant_resolve_as_bool, through a pointer
-// of the bool type too; Clang's function-type check would take that for a
-// mismatch, so the function carries no type signature for it.
-#if defined(__clang__)
-__attribute__((no_sanitize("function")))
-#endif
+// A long long variant resolves to bool as the low byte of its value,
+// unnormalised (2 stays 2), which a C++ bool cannot hold without undefined
+// behaviour; so the library carries it as a byte throughout, up to the
+// exported function's result register.
 unsigned char korvane_resolve_bool_byte(const tagTVARIANT* v) {
     return resolveAs<TVT_BOOL>(v);
 }
 
-// variant_resolve_as_bool is korvane_resolve_bool_byte under its exported
-// name. Existing callers receive the raw byte of a refused long long (2 stays
-// 2); returning it through a C++ bool would mean loading a bool that holds 2,
-// which is undefined, so the symbol is an alias of the byte function instead.
-// Both return their one byte in the same register on the supported targets.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wattribute-alias"
-#endif
-extern "C" bool variant_resolve_as_bool(const tagTVARIANT* v) __attribute__((alias("korvane_resolve_bool_byte")));
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
+// The raw byte, zero-extended: existing callers see a refused long long 2 as 2.
+KORVANE_BOOL_EXPORT(variant_resolve_as_bool, (const tagTVARIANT* v)) {
+    return korvane::BoolResult::rawByte(korvane_resolve_bool_byte(v));
+}
 
-bool variant_ajust_data_value(tagTVARIANT* v, uint32_t bits) {
+KORVANE_BOOL_EXPORT(variant_ajust_data_value, (tagTVARIANT* v, uint32_t bits)) {
     if (v == nullptr || narrowingOf(v->vt) == Narrowing::Refused)
         return false;
     return korvane::dispatchScalar(v->vt, false, [&](auto tag) {
@@ -166,14 +156,14 @@ bool variant_ajust_data_value(tagTVARIANT* v, uint32_t bits) {
     });
 }
 
-bool variant_resolve_display_type(TVARTYPE type, char* buffer, size_t* length) {
+KORVANE_BOOL_EXPORT(variant_resolve_display_type, (TVARTYPE type, char* buffer, size_t* length)) {
     const char* name = korvane::typeName(type);
     if (name == nullptr || length == nullptr)
         return false;
     return korvane::copyToCallerBuffer(name, std::strlen(name), buffer, *length);
 }
 
-bool variant_resolve_type(const char* name, TVARTYPE* type) {
+KORVANE_BOOL_EXPORT(variant_resolve_type, (const char* name, TVARTYPE* type)) {
     if (name == nullptr || type == nullptr)
         return false;
     *type = korvane::tagOfName(name);

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "automation/VariantInterfaces.h"
+#include "common/BoolExport.h"
 #include "korvane/automation.h"
 #include "common/HandleFrame.h"
 
@@ -106,13 +107,13 @@ tagTVARIANT* variant_wrapper_get_wrapper_value(variant_wrapper_handle* handle) {
     return handle == nullptr ? nullptr : handle->value;
 }
 
-bool variant_wrapper_get_type(variant_wrapper_handle* handle, char* buffer, unsigned long* length) {
+KORVANE_BOOL_EXPORT(variant_wrapper_get_type, (variant_wrapper_handle* handle, char* buffer, unsigned long* length)) {
     if (handle == nullptr || length == nullptr)
         return false;
     return handle->reader->getType(buffer, *length);
 }
 
-bool variant_wrapper_set_type(variant_wrapper_handle* handle, const char* name) {
+KORVANE_BOOL_EXPORT(variant_wrapper_set_type, (variant_wrapper_handle* handle, const char* name)) {
     if (handle == nullptr)
         return false;
     return handle->writer->setType(name);

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/BoolExport.h"
 #include "korvane/fs.h"
 #include "korvane/system.h"
 
@@ -150,10 +151,10 @@ bool naturalGreater(const char* a, const char* b) {
 
 } // namespace
 
-bool os_clibrary_string_intelligent_greater(const char* a, const char* b) {
+KORVANE_BOOL_EXPORT(os_clibrary_string_intelligent_greater, (const char* a, const char* b)) {
     return naturalGreater(a, b);
 }
 
-bool os_clibrary_string_intelligent_less(const char* a, const char* b) {
+KORVANE_BOOL_EXPORT(os_clibrary_string_intelligent_less, (const char* a, const char* b)) {
     return naturalGreater(b, a);
 }

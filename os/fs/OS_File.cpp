@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "common/BoolExport.h"
 #include "common/UniqueDescriptor.h"
 #include "korvane/fs.h"
 #include "os/fs/FsInternal.h"
@@ -58,16 +59,16 @@ bool copyContents(int source, int destination) {
 
 } // namespace
 
-bool os_file_is_relative_path(const char* path) {
+KORVANE_BOOL_EXPORT(os_file_is_relative_path, (const char* path)) {
     return isUsablePath(path) && path[0] != '/';
 }
 
-bool os_file_exist(const char* path) {
+KORVANE_BOOL_EXPORT(os_file_exist, (const char* path)) {
     unsigned int fileType = 0;
     return korvane::fs::existingFileType(path, fileType) && fileType != S_IFDIR;
 }
 
-bool os_file_create(const char* path) {
+KORVANE_BOOL_EXPORT(os_file_create, (const char* path)) {
     if (!isUsablePath(path))
         return false;
     const std::string stripped = korvane::fs::withoutTrailingSlashes(path);
@@ -78,19 +79,19 @@ bool os_file_create(const char* path) {
     return file.isOpen();
 }
 
-bool os_file_remove(const char* path) {
+KORVANE_BOOL_EXPORT(os_file_remove, (const char* path)) {
     if (!isUsablePath(path))
         return false;
     return os_clibrary_file_unlink(korvane::fs::withoutTrailingSlashes(path).c_str()) != -1;
 }
 
-bool os_file_move(const char* from, const char* to) {
+KORVANE_BOOL_EXPORT(os_file_move, (const char* from, const char* to)) {
     if (!isUsablePath(from) || !isUsablePath(to))
         return false;
     return rename(from, to) == 0;
 }
 
-bool os_file_copy(const char* source, const char* destination) {
+KORVANE_BOOL_EXPORT(os_file_copy, (const char* source, const char* destination)) {
     if (!isUsablePath(source) || !isUsablePath(destination))
         return false;
     const Descriptor input(os_clibrary_file_open(source, O_RDONLY, kAllPermissions));

@@ -8,6 +8,7 @@
 #include <list>
 #include <string>
 
+#include "common/BoolExport.h"
 #include "korvane/fs.h"
 #include "os/fs/FsInternal.h"
 #include "common/SystemInternal.h"
@@ -114,12 +115,12 @@ bool os_folder_copyinner(const char* source, const char* destination, bool keep_
 
 } // namespace
 
-bool os_folder_exist(const char* path) {
+KORVANE_BOOL_EXPORT(os_folder_exist, (const char* path)) {
     unsigned int fileType = 0;
     return korvane::fs::existingFileType(path, fileType) && fileType == S_IFDIR;
 }
 
-bool os_folder_create(const char* path) {
+KORVANE_BOOL_EXPORT(os_folder_create, (const char* path)) {
     if (!isUsablePath(path))
         return false;
     std::string current;
@@ -146,7 +147,7 @@ bool os_folder_create(const char* path) {
     return true;
 }
 
-bool os_folder_remove(const char* path, bool recursive) {
+KORVANE_BOOL_EXPORT(os_folder_remove, (const char* path, bool recursive)) {
     if (!isUsablePath(path))
         return false;
     const std::string folder = withoutTrailingSeparators(path);
@@ -155,7 +156,7 @@ bool os_folder_remove(const char* path, bool recursive) {
     return rmdir(folder.c_str()) == 0;
 }
 
-bool os_folder_move(const char* source, const char* destination) {
+KORVANE_BOOL_EXPORT(os_folder_move, (const char* source, const char* destination)) {
     if (!isUsablePath(source) || !isUsablePath(destination))
         return false;
     const std::string from = withoutTrailingSeparators(source);
@@ -163,6 +164,6 @@ bool os_folder_move(const char* source, const char* destination) {
     return runShellCommand(kMoveFormat, kShortMargin, from, to);
 }
 
-bool os_folder_copy(const char* source, const char* destination, bool keep_existing) {
+KORVANE_BOOL_EXPORT(os_folder_copy, (const char* source, const char* destination, bool keep_existing)) {
     return os_folder_copyinner(source, destination, keep_existing, true);
 }

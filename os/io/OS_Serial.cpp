@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "common/BoolExport.h"
 #include "common/UniqueDescriptor.h"
 #include "korvane/io.h"
 
@@ -189,7 +190,7 @@ int os_serial_purge(int port, int queues) {
     return tcflush(port, kSelectors[queues & 3]);
 }
 
-bool os_serial_select(int port, int milliseconds) {
+KORVANE_BOOL_EXPORT(os_serial_select, (int port, int milliseconds)) {
     if (port < 0 || port >= FD_SETSIZE)
         return false;
     fd_set readable;

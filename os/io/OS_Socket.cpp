@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "common/BoolExport.h"
 #include "korvane/io.h"
 
 namespace {
@@ -57,11 +58,11 @@ bool waitUntilReady(int socket, Readiness readiness, uint64_t milliseconds, int*
 
 } // namespace
 
-bool os_socket_init_library(void) {
+KORVANE_BOOL_EXPORT(os_socket_init_library, (void)) {
     return true;
 }
 
-bool os_socket_clear_library(void) {
+KORVANE_BOOL_EXPORT(os_socket_clear_library, (void)) {
     return true;
 }
 
@@ -90,15 +91,15 @@ int os_socket_set_recv_timeout(int socket, uint64_t milliseconds) {
     return setTimeout(socket, SO_RCVTIMEO, milliseconds);
 }
 
-bool os_socket_readable(int socket, uint64_t milliseconds, int* error) {
+KORVANE_BOOL_EXPORT(os_socket_readable, (int socket, uint64_t milliseconds, int* error)) {
     return waitUntilReady(socket, Readiness::Readable, milliseconds, error);
 }
 
-bool os_socket_writable(int socket, uint64_t milliseconds, int* error) {
+KORVANE_BOOL_EXPORT(os_socket_writable, (int socket, uint64_t milliseconds, int* error)) {
     return waitUntilReady(socket, Readiness::Writable, milliseconds, error);
 }
 
-bool os_socket_is_link_broken(int socket) {
+KORVANE_BOOL_EXPORT(os_socket_is_link_broken, (int socket)) {
     // Nothing pending means nothing is known to be broken.
     if (!os_socket_readable(socket, 0, nullptr))
         return false;

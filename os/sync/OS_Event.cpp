@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/BoolExport.h"
 #include "korvane/sync.h"
 #include "korvane/system.h"
 #include "os/sync/Deadline.h"
@@ -367,10 +368,10 @@ void os_event_reset_event(event_handle* handle) {
         handle->reset();
 }
 
-bool os_event_wait(event_handle* handle) {
+KORVANE_BOOL_EXPORT(os_event_wait, (event_handle* handle)) {
     return handle != nullptr && handle->wait();
 }
 
-bool os_event_wait_timeout(event_handle* handle, struct timespec deadline) {
+KORVANE_BOOL_EXPORT(os_event_wait_timeout, (event_handle* handle, struct timespec deadline)) {
     return handle != nullptr && handle->waitUntil(deadline);
 }

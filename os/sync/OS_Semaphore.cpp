@@ -10,6 +10,7 @@
 // the class rely on it.
 #include <cstring>
 
+#include "common/BoolExport.h"
 #include "korvane/sync.h"
 #include "korvane/system.h"
 #include "os/sync/Deadline.h"
@@ -168,18 +169,18 @@ void os_semaphore_destroy(semaphore_handle** handle) {
     korvane::destroyHandle(handle);
 }
 
-bool os_semaphore_set_undo_track(semaphore_handle* handle, bool undo) {
+KORVANE_BOOL_EXPORT(os_semaphore_set_undo_track, (semaphore_handle* handle, bool undo)) {
     if (handle == nullptr)
         return false;
     handle->setUndo(undo);
     return true;
 }
 
-bool os_semaphore_wait(semaphore_handle* handle) {
+KORVANE_BOOL_EXPORT(os_semaphore_wait, (semaphore_handle* handle)) {
     return handle != nullptr && handle->wait();
 }
 
-bool os_semaphore_wait_timeout(semaphore_handle* handle, struct timespec deadline) {
+KORVANE_BOOL_EXPORT(os_semaphore_wait_timeout, (semaphore_handle* handle, struct timespec deadline)) {
     return handle != nullptr && handle->waitUntil(deadline);
 }
 

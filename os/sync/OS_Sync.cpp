@@ -13,6 +13,7 @@
 #include <map>
 #include <string>
 
+#include "common/BoolExport.h"
 #include "korvane/system.h"
 #include "os/sync/SyncInternal.h"
 
@@ -269,7 +270,7 @@ void os_sync_manager_handle::manager_thread(void* self) {
     sem_unlink(kRequestSemaphoreName);
 }
 
-bool os_sync_environment_initialize(bool client_only) {
+KORVANE_BOOL_EXPORT(os_sync_environment_initialize, (bool client_only)) {
     if (client_only) {
         OS::CSyncClient client;
         const bool running = client.create();

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/BoolExport.h"
 #include "common/CallerBuffer.h"
 #include "korvane/system.h"
 #include "common/SystemInternal.h"
@@ -49,7 +50,7 @@ struct LaunchPlan {
 
 } // namespace
 
-bool os_system_run_application(const char* application, const char* arguments, bool wait) {
+KORVANE_BOOL_EXPORT(os_system_run_application, (const char* application, const char* arguments, bool wait)) {
     LaunchPlan plan{"./" + stringOrEmpty(application), stringOrEmpty(application), stringOrEmpty(arguments)};
     // fork rather than vfork: the child runs nothing but exec and _exit, so
     // the result is the same, and it stays safe under instrumented builds.
@@ -65,15 +66,15 @@ bool os_system_run_application(const char* application, const char* arguments, b
     return (status & 0x7f) == 0;
 }
 
-bool os_system_kill_application(const char* name) {
+KORVANE_BOOL_EXPORT(os_system_kill_application, (const char* name)) {
     return korvane::runShellCommand(kKillFormat, kKillMargin, stringOrEmpty(name));
 }
 
-bool os_system_invoke_command(const char* command) {
+KORVANE_BOOL_EXPORT(os_system_invoke_command, (const char* command)) {
     return korvane::commandSucceeded(std::system(command));
 }
 
-bool os_system_get_os_environmentVariable(const char* name, char* buffer, size_t* size) {
+KORVANE_BOOL_EXPORT(os_system_get_os_environmentVariable, (const char* name, char* buffer, size_t* size)) {
     if (name == nullptr || size == nullptr)
         return false;
     const char* value = std::getenv(name);
@@ -131,6 +132,6 @@ int os_system_close_exception(void) {
     return sigaction(SIGPIPE, &action, nullptr);
 }
 
-bool os_system_check_root_privileges(void) {
+KORVANE_BOOL_EXPORT(os_system_check_root_privileges, (void)) {
     return geteuid() == 0;
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/BoolExport.h"
 #include "korvane/system.h"
 
 namespace {
@@ -64,7 +65,7 @@ int os_thread_join(pthread_t thread) {
     return pthread_join(thread, nullptr);
 }
 
-bool os_thread_sched_set_thread_affinity(pthread_t thread, int cpu) {
+KORVANE_BOOL_EXPORT(os_thread_sched_set_thread_affinity, (pthread_t thread, int cpu)) {
     const cpu_set_t set = singleCpuSet(cpu);
     // pthread_setaffinity_np reports errors as a positive number, so this is
     // true even when the set was refused. Existing callers rely on the same
@@ -72,7 +73,7 @@ bool os_thread_sched_set_thread_affinity(pthread_t thread, int cpu) {
     return pthread_setaffinity_np(thread, sizeof set, &set) != -1;
 }
 
-bool os_thread_sched_set_affinity(int cpu) {
+KORVANE_BOOL_EXPORT(os_thread_sched_set_affinity, (int cpu)) {
     const cpu_set_t set = singleCpuSet(cpu);
     return sched_setaffinity(0, sizeof set, &set) != -1;
 }
@@ -112,7 +113,7 @@ int64_t os_thread_sync_compare_and_swap_64(int64_t* target, int64_t expected, in
     return os_thread_sync_compare_and_swap(target, expected, desired);
 }
 
-bool os_thread_init_rt_schedule(int priority) {
+KORVANE_BOOL_EXPORT(os_thread_init_rt_schedule, (int priority)) {
     struct sched_param parameters;
     std::memset(&parameters, 0, sizeof parameters);
     parameters.sched_priority = priority;
@@ -124,7 +125,7 @@ void os_thread_exit_rt_schedule(void) {
     // callers can pair it with os_thread_init_rt_schedule.
 }
 
-bool os_thread_install_latency(int* latency) {
+KORVANE_BOOL_EXPORT(os_thread_install_latency, (int* latency)) {
     static const char kLatencyFile[] = "/dev/cpu_dma_latency";
     if (latency == nullptr)
         return false;

@@ -4,6 +4,7 @@
 // their buffers with it.
 #include <cstring>
 
+#include "common/BoolExport.h"
 #include "common/CallerBuffer.h"
 #include "korvane/system.h"
 
@@ -15,12 +16,12 @@ bool copyConverted(const char* text, char* buffer, size_t* size) {
 }
 } // namespace
 
-bool os_utf8helper_oem_from_utf8(const char* text, char* buffer, size_t* size) {
+KORVANE_BOOL_EXPORT(os_utf8helper_oem_from_utf8, (const char* text, char* buffer, size_t* size)) {
     // A null text converts to the empty string in this direction only.
     return copyConverted(text != nullptr ? text : "", buffer, size);
 }
 
-bool os_utf8helper_oem_to_utf8(const char* text, char* buffer, size_t* size) {
+KORVANE_BOOL_EXPORT(os_utf8helper_oem_to_utf8, (const char* text, char* buffer, size_t* size)) {
     // This direction has never accepted a null text (the asymmetry is kept
     // for existing callers); it is refused instead of being read.
     if (text == nullptr)

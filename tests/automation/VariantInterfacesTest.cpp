@@ -1,8 +1,11 @@
-// The library's reader and writer, and the variant wrapper that binds them to
-// a variant and hands them out.
+// The library's reader and writer, an application's own reader, and the
+// variant wrapper that binds a variant to them and hands them out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "AutomationTestSupport.h"
@@ -10,6 +13,7 @@
 namespace {
 
 using namespace autotest;
+using Log = std::vector<std::string>;
 
 TEST(VariantReader, EveryGetterResolvesItsOwnTypeAndLeavesTheVariantAlone) {
     Variant v;
@@ -21,12 +25,17 @@ TEST(VariantReader, EveryGetterResolvesItsOwnTypeAndLeavesTheVariantAlone) {
                                         read(9u), read(9), read(9UL), read(9L), read(9ULL), read(9LL),
                                         read(9.0f), read(9.0)};
     EXPECT_EQ(values, (std::vector<double>{0, 0, 0, -1, 0, -1, 0, -1, 0, -1, -1, -1})) << "signedness of each";
-    bool flag = false;
-    unsigned char byte = 0;
-    EXPECT_TRUE(reader->getValue(flag) && (std::memcpy(&byte, &flag, 1), byte == 1));
+    const auto boolByte = [&reader] {
+        bool flag = false;
+        unsigned char byte = 9;
+        if (reader->getValue(flag))
+            std::memcpy(&byte, &flag, 1);
+        return int(byte);
+    };
+    EXPECT_EQ(boolByte(), 1);
     EXPECT_EQ(describe(v.get()), "double:-1");
     variant_set_longlong(v.get(), 2, true);
-    EXPECT_TRUE(reader->getValue(flag) && (std::memcpy(&byte, &flag, 1), byte == 2)) << "the raw byte, on purpose";
+    EXPECT_EQ(boolByte(), 2) << "the raw byte, on purpose";
     const std::tuple<Filler, const char*, const char*> texts[] = {
         {setTo(variant_set_int, -7), "int", "-7"}, {text("hello"), "string", "hello"},
         {[](tagTVARIANT* v) { variant_set_bstrunit(v, rawUnit("abc").get()); }, "string", "abc"}, // no NUL
@@ -43,25 +52,35 @@ TEST(VariantReader, EveryGetterResolvesItsOwnTypeAndLeavesTheVariantAlone) {
     }
 }
 
-TEST(VariantWriter, EverySetterStoresItsOwnTypeAndSetTypeAlwaysSucceeds) {
+// Applications built without this header call the operations by their fixed
+// slot numbers: the library's writer by its setter slots 4 to 17, each
+// storing its own type (the tag it leaves), and so on for the reader below.
+std::vector<int> tagsBySlot(IVariantWrite* writer, tagTVARIANT* v) {
+    using Slot = bool (*)(IVariantWrite*, const char*, bool);
+    void** slots = *reinterpret_cast<void***>(writer);
+    alignas(256) static const char text[] = "7"; // the text setter's; a byte setter sees the low byte, 0
+    std::vector<int> tags;
+    for (int slot = 4; slot <= 17; ++slot) {
+        reinterpret_cast<Slot>(slots[slot])(writer, text, true);
+        tags.push_back(v->vt);
+    }
+    return tags;
+}
+
+TEST(VariantWriter, EverySlotStoresItsOwnTypeAndSetTypeAlwaysSucceeds) {
     Variant v;
     const Wrapper wrapper = wrapperOver(v.get());
     const Writer w(variant_wrapper_get_variantwrite(wrapper.get()));
-    std::vector<std::string> stored;
-    const auto store = [&stored, &v](bool answered) { stored.push_back(answered ? describe(v.get()) : "<refused>"); };
-    store(w->setValue((unsigned char)200, true)), store(w->setValue('A', true));
-    store(w->setValue((unsigned short)65535, true)), store(w->setValue((short)-2, true));
-    store(w->setValue(4000000000u, true)), store(w->setValue(-1, false)), store(w->setValue(5UL, true));
-    store(w->setValue(-3L, true)), store(w->setValue(7ULL, true)), store(w->setValue(-4LL, true));
-    store(w->setValue(1.5f, true)), store(w->setValue(2.5, true)), store(w->setValue(true, true));
-    store(w->setValue("42", true)), store(w->setValue((const char*)nullptr, true)); // null: no change
-    store(w->setType("unsigned int"));
-    EXPECT_EQ(stored, (std::vector<std::string>{"byte:200", "char:65", "ushort:65535", "short:-2", "uint:4000000000",
-                                                "int:-1", "ulong:5", "long:-3", "ull:7", "ll:-4", "float:1.5",
-                                                "double:2.5", "bool:1", "string:'42'", "string:'42'", "uint:42"}));
+    EXPECT_EQ(tagsBySlot(w.get(), v.get()), (std::vector<int>{2, 1, 4, 3, 6, 5, 8, 7, 10, 9, 11, 12, 13, 14}));
+    EXPECT_TRUE(w->setValue("42", true));
+    EXPECT_TRUE(w->setValue((const char*)nullptr, true));
+    EXPECT_EQ(describe(v.get()), "string:'42'") << "a null text changes nothing";
+    EXPECT_TRUE(w->setType("unsigned int"));
+    EXPECT_EQ(describe(v.get()), "uint:42");
     for (const char* refused : {"integer", "bool", (const char*)nullptr}) { // still true, on purpose
         variant_set_longlong(v.get(), 5, true);
-        EXPECT_TRUE(w->setType(refused) && describe(v.get()) == "ll:5") << (refused ? refused : "null");
+        EXPECT_TRUE(w->setType(refused)) << (refused ? refused : "null");
+        EXPECT_EQ(describe(v.get()), "ll:5") << (refused ? refused : "null");
     }
 }
 
@@ -71,13 +90,16 @@ TEST(VariantInterfaceLookup, AnswersToItsOwnNamesAndCountsReferences) {
     IVariantRead* reader = variant_wrapper_get_variantread(wrapper.get());
     EXPECT_EQ(variant_wrapper_get_variantread(wrapper.get()), reader); // two hand-outs: count 3
     const Writer writer(variant_wrapper_get_variantwrite(wrapper.get()));
-    void* found = &found;
-    EXPECT_FALSE(reader->queryInterface("IVariantWrite", &found) || reader->queryInterface("ibase", &found) ||
-                 writer->queryInterface("IVariantRead", &found) || found != &found);
-    EXPECT_TRUE(reader->queryInterface("IBase", &found) && found == reader);
-    EXPECT_TRUE(reader->queryInterface("IVariantRead", &found) && found == reader);
-    EXPECT_TRUE(writer->queryInterface("IVariantWrite", &found) && found == writer.get());
-    EXPECT_TRUE(writer->releaseRef() == 2 && reader->addRef() == 6);
+    const std::tuple<IBase*, const char*, bool> names[] = {
+        {reader, "IVariantWrite", false}, {reader, "ibase", false}, {writer.get(), "IVariantRead", false},
+        {reader, "IBase", true}, {reader, "IVariantRead", true}, {writer.get(), "IVariantWrite", true}};
+    for (const auto& [object, name, answers] : names) {
+        void* found = &found;
+        EXPECT_EQ(object->queryInterface(name, &found), answers) << name;
+        EXPECT_EQ(found, answers ? static_cast<void*>(object) : &found) << name;
+    }
+    EXPECT_EQ(writer->releaseRef(), 2);
+    EXPECT_EQ(reader->addRef(), 6);
     for (int64_t expected : {5, 4, 3, 2, 1}) // the wrapper's own reference remains
         EXPECT_EQ(reader->releaseRef(), expected);
     std::vector<std::thread> threads;
@@ -92,22 +114,132 @@ TEST(VariantInterfaceLookup, AnswersToItsOwnNamesAndCountsReferences) {
     reader->releaseRef();
 }
 
+// An application's own reader: each call is logged by the operation it
+// serves; every getter answers `number` cast to its type, text gives `text`.
+class AppReader : public IVariantReadStub {
+public:
+    AppReader(Log& log, std::string type, double number = 1) : log(log), type(std::move(type)), number(number) {}
+    bool getType(char* buffer, unsigned long& length) override {
+        log.push_back("type");
+        if (buffer != nullptr && length >= type.size() + 1) // a name without its NUL must do too
+            std::memcpy(buffer, type.c_str(), type.size() + (typeWritesNul ? 1 : 0));
+        length = type.size() + 1;
+        return type != "<silent>";
+    }
+    bool getValue(unsigned char& v) override { return answer(v, "unsigned char"); }
+    bool getValue(char& v) override { return answer(v, "char"); }
+    bool getValue(unsigned short& v) override { return answer(v, "unsigned short"); }
+    bool getValue(short& v) override { return answer(v, "short"); }
+    bool getValue(unsigned int& v) override { return answer(v, "unsigned int"); }
+    bool getValue(int& v) override { return answer(v, "int"); }
+    bool getValue(unsigned long& v) override { return answer(v, "unsigned long"); }
+    bool getValue(long& v) override { return answer(v, "long"); }
+    bool getValue(unsigned long long& v) override { return answer(v, "unsigned long long"); }
+    bool getValue(long long& v) override { return answer(v, "long long"); }
+    bool getValue(float& v) override { return answer(v, "float"); }
+    bool getValue(double& v) override { return answer(v, "double"); }
+    bool getValue(bool& v) override { return answer(v, "bool"); }
+    bool getValue(char* buffer, unsigned long& length) override {
+        log.push_back("text");
+        if (buffer != nullptr && length >= sizeof "22.5 C")
+            std::memcpy(buffer, "22.5 C", sizeof "22.5 C");
+        length = sizeof "22.5 C";
+        return true;
+    }
+    void onFinalRelease() override { log.push_back("final release"); }
+    bool typeWritesNul = true;
+
+protected:
+    ~AppReader() override { log.push_back("destroyed"); }
+
+private:
+    template <class T>
+    bool answer(T& value, const char* name) {
+        log.push_back(name);
+        value = static_cast<T>(number);
+        return true;
+    }
+    Log& log;
+    std::string type;
+    double number;
+};
+
+TEST(ApplicationReader, EverySlotReachesItsOperationAndFinalReleaseRunsOnceBeforeDeletion) {
+    Log log;
+    IVariantRead* reader = new AppReader(log, "int");
+    void** slots = *reinterpret_cast<void***>(reader);
+    alignas(8) char buffer[64];
+    for (int slot : {3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 20}) {
+        unsigned long length = sizeof buffer;
+        reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slots[slot])(reader, buffer, &length);
+    }
+    EXPECT_EQ(log, (Log{"type", "unsigned char", "char", "unsigned short", "short", "unsigned int", "int",
+                        "unsigned long", "long", "unsigned long long", "long long", "float", "double", "text",
+                        "bool", "final release"}));
+    using Count = int64_t (*)(IVariantRead*);
+    void* found = nullptr;
+    EXPECT_TRUE(reinterpret_cast<bool (*)(IVariantRead*, const char*, void**)>(slots[0])(reader, "IBase", &found));
+    EXPECT_EQ(found, reader);
+    EXPECT_EQ(reinterpret_cast<Count>(slots[1])(reader), 3) << "addRef";
+    EXPECT_EQ(reinterpret_cast<Count>(slots[2])(reader), 2) << "releaseRef";
+    log.clear();
+    EXPECT_EQ(reader->releaseRef(), 1);
+    EXPECT_EQ(log, Log{});
+    EXPECT_EQ(reader->releaseRef(), 0);
+    EXPECT_EQ(log, (Log{"final release", "destroyed"}));
+}
+
+// variant_set_variantread asks for the type name's size, then the name, then
+// calls the getter of that type, and only that one, to write the value.
+TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterOnly) {
+    const std::tuple<const char*, double, const char*> rows[] = {
+        {"char", 65, "char:65"},     {"unsigned char", 200, "byte:200"}, {"short", -2, "short:-2"},
+        {"int", -1, "int:-1"},       {"unsigned short", 65535, "ushort:65535"}, {"long", -3, "long:-3"},
+        {"unsigned int", 4e9, "uint:4000000000"}, {"unsigned long", 5, "ulong:5"}, {"long long", -4, "ll:-4"},
+        {"unsigned long long", 7, "ull:7"}, {"float", 1.5, "float:1.5"}, {"double", 2.5, "double:2.5"},
+        {"bool", 1, "bool:1"},       {"string", 0, "string:'22.5 C'"}, // text asked twice: size, then text
+        {"Int", 1, "empty"},         {"", 1, "empty"}, {"<silent>", 1, "empty"}}; // no getter for tag 0
+    for (const auto& [type, number, expected] : rows) {
+        for (bool withNul : {true, false}) {
+            Log log;
+            AppReader* app = new AppReader(log, type, number);
+            app->typeWritesNul = withNul;
+            const Reader reader(app);
+            Variant v;
+            variant_set_string(v.get(), "old", true); // freed by the fill, or the leak checker complains
+            variant_set_variantread(v.get(), reader.get());
+            EXPECT_EQ(describe(v.get()), expected) << type;
+            Log getters;
+            std::copy_if(log.begin(), log.end(), std::back_inserter(getters), [](auto& c) { return c != "type"; });
+            const Log expectedGetters = std::string(expected) == "empty" ? Log{}
+                                        : std::string(type) == "string" ? Log{"text", "text"} : Log{type};
+            EXPECT_EQ(getters, expectedGetters) << type;
+        }
+    }
+    Variant v;
+    variant_set_string(v.get(), "old", true);
+    variant_set_variantread(v.get(), nullptr);
+    EXPECT_EQ(describe(v.get()), "empty");
+}
+
 TEST(VariantWrapper, NewWrapperIsReadableOnlyUnboundAndNullHandlesDoNothing) {
     const Wrapper wrapper(variant_wrapper_create());
     unsigned long length = 3;
     EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr);
     EXPECT_NE(Reader(variant_wrapper_get_variantread(wrapper.get())), nullptr);
-    EXPECT_FALSE(variant_wrapper_get_wrapper_value(wrapper.get()) || variant_wrapper_set_type(wrapper.get(), "int") ||
-                 variant_wrapper_get_type(wrapper.get(), nullptr, &length));
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), nullptr);
+    EXPECT_FALSE(variant_wrapper_set_type(wrapper.get(), "int"));
+    EXPECT_FALSE(variant_wrapper_get_type(wrapper.get(), nullptr, &length));
     variant_wrapper_set_mode(wrapper.get(), false, true);
     EXPECT_EQ(variant_wrapper_get_variantread(wrapper.get()), nullptr);
     EXPECT_NE(Writer(variant_wrapper_get_variantwrite(wrapper.get())), nullptr);
     Variant v;
     variant_wrapper_set_mode(nullptr, true, true);
     variant_wrapper_set_wrapper_value(nullptr, v.get(), true);
-    EXPECT_FALSE(variant_wrapper_get_type(nullptr, nullptr, &length) || variant_wrapper_set_type(nullptr, "int") ||
-                 variant_wrapper_get_wrapper_value(nullptr) || variant_wrapper_get_variantread(nullptr) ||
-                 variant_wrapper_get_variantwrite(nullptr) || variant_wrapper_clone(nullptr));
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(nullptr), nullptr); // the bool results: BoolResultTest
+    EXPECT_EQ(variant_wrapper_clone(nullptr), nullptr);
+    EXPECT_EQ(variant_wrapper_get_variantread(nullptr), nullptr);
+    EXPECT_EQ(variant_wrapper_get_variantwrite(nullptr), nullptr);
     variant_wrapper_handle* none = nullptr;
     variant_wrapper_destroy(&none);
     EXPECT_EQ(none, nullptr);
@@ -117,21 +249,29 @@ TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
     Variant v;
     variant_set_string(v.get(), "42", true);
     const Wrapper wrapper = wrapperOver(v.get());
-    const auto typeText = [&wrapper](char* buffer, unsigned long& length) {
-        return variant_wrapper_get_type(wrapper.get(), buffer, &length);
+    const auto typeText = [&wrapper] {
+        return textFrom([&wrapper](char* buffer, unsigned long& length) {
+            return variant_wrapper_get_type(wrapper.get(), buffer, &length);
+        });
     };
-    EXPECT_TRUE(variant_wrapper_get_wrapper_value(wrapper.get()) == v.get() && textFrom(typeText) == "string");
-    EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "short") && variant_wrapper_set_type(wrapper.get(), "?"));
-    EXPECT_TRUE(describe(v.get()) == "short:42" && textFrom(typeText) == "short");
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), v.get());
+    EXPECT_EQ(typeText(), "string");
+    EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "short"));
+    EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "?"));
+    EXPECT_EQ(describe(v.get()), "short:42");
+    EXPECT_EQ(typeText(), "short");
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), true);
     tagTVARIANT* owned = variant_wrapper_get_wrapper_value(wrapper.get());
     const Writer writer(variant_wrapper_get_variantwrite(wrapper.get()));
-    EXPECT_TRUE(owned != v.get() && writer->setValue(7, true));
-    EXPECT_TRUE(describe(owned) == "int:7" && describe(v.get()) == "short:42");
+    EXPECT_NE(owned, v.get());
+    EXPECT_TRUE(writer->setValue(7, true));
+    EXPECT_EQ(describe(owned), "int:7");
+    EXPECT_EQ(describe(v.get()), "short:42");
     // Binding the wrapper's own copy again keeps it; a new value frees it
     // (the leak checker sees to that); null unbinds whatever the copy flag.
     variant_wrapper_set_wrapper_value(wrapper.get(), owned, true);
-    EXPECT_TRUE(variant_wrapper_get_wrapper_value(wrapper.get()) == owned && describe(owned) == "int:7");
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), owned);
+    EXPECT_EQ(describe(owned), "int:7");
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), true);
     variant_wrapper_set_wrapper_value(wrapper.get(), nullptr, true);
     EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), nullptr);
@@ -146,13 +286,15 @@ TEST(VariantWrapper, CloneOwnsACopyAndKeepsTheMode) {
     variant_wrapper_set_wrapper_value(original.get(), v.get(), false);
     const Wrapper clone(variant_wrapper_clone(original.get())), unboundClone(variant_wrapper_clone(unbound.get()));
     tagTVARIANT* copy = variant_wrapper_get_wrapper_value(clone.get());
-    ASSERT_TRUE(copy != nullptr && copy != v.get());
+    ASSERT_NE(copy, nullptr);
+    EXPECT_NE(copy, v.get());
     variant_set_int(v.get(), 1, true);
     EXPECT_EQ(describe(copy), "string:'shared?'");
     EXPECT_EQ(variant_wrapper_get_variantread(clone.get()), nullptr);
     EXPECT_TRUE(Writer(variant_wrapper_get_variantwrite(clone.get()))->setValue(2.5, true));
     EXPECT_EQ(describe(copy), "double:2.5") << "the clone's writer points at the clone's copy";
-    EXPECT_TRUE(unboundClone != nullptr && variant_wrapper_get_wrapper_value(unboundClone.get()) == nullptr);
+    ASSERT_NE(unboundClone, nullptr);
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(unboundClone.get()), nullptr);
 }
 
 // Interfaces still held survive the wrapper, unbound: a late call answers
@@ -169,8 +311,11 @@ TEST(VariantWrapper, DestroyFreesAnOwnedCopyLeavesABorrowedValueAndUnbindsHeldIn
         IVariantWrite* writer = variant_wrapper_get_variantwrite(wrapper);
         variant_wrapper_destroy(&wrapper);
         int number = 0;
-        EXPECT_FALSE(wrapper != nullptr || reader->getValue(number) || writer->setValue(3, true));
-        EXPECT_TRUE(writer->releaseRef() == 0 && reader->releaseRef() == 0);
+        EXPECT_EQ(wrapper, nullptr);
+        EXPECT_FALSE(reader->getValue(number));
+        EXPECT_FALSE(writer->setValue(3, true));
+        EXPECT_EQ(writer->releaseRef(), 0);
+        EXPECT_EQ(reader->releaseRef(), 0);
     }
     EXPECT_EQ(describe(borrowed.get()), "string:'stays'");
 }

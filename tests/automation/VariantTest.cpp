@@ -53,7 +53,8 @@ TEST(VariantSetters, StoreAtTheirWidthWhateverTheFlagOrThePresetType) {
                 Variant v;
                 preset(v.get());
                 set(v.get(), keep);
-                EXPECT_TRUE(v->vt == tag && v->value.bits == bits) << describe(v.get()) << " keep " << keep;
+                EXPECT_EQ(v->vt, tag) << describe(v.get()) << " keep " << keep;
+                EXPECT_EQ(v->value.bits, bits) << describe(v.get()) << " keep " << keep;
             }
         }
     }
@@ -77,7 +78,8 @@ TEST(VariantStrings, SettersCopyTheTextAndCopiesAreDeep) {
     Variant source, copy;
     const Unit unit = rawUnit(std::string("a\0", 2));
     variant_set_bstrunit(copy.get(), unit.get());
-    EXPECT_TRUE(copy->value.bstrVal != unit.get() && bytesOf(copy->value.bstrVal) == bytesOf(unit.get()));
+    EXPECT_NE(copy->value.bstrVal, unit.get());
+    EXPECT_EQ(bytesOf(copy->value.bstrVal), bytesOf(unit.get()));
     const Filler noUnit = [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); };
     for (const Filler& fill : {setTo(variant_set_ulong, 0x0123456789ABCDEF), text("text"), noUnit}) {
         fill(source.get());

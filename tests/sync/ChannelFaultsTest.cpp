@@ -82,14 +82,15 @@ std::unique_ptr<Child> lockHolder() {
 TEST_F(ChannelFaults, LockOfALiveHolderStaysItsLockOfAKilledOneComesBackWithinTwoSeconds) {
     const std::string name = uniqueName("after_holder");
     std::unique_ptr<Child> holder = lockHolder();
-    kill(holder->pid(), SIGSTOP);
+    const pid_t holderPid = holder->pid();
+    kill(holderPid, SIGSTOP);
     EXPECT_FALSE(createWorksWithin(name, std::chrono::milliseconds(1500))) << "a stopped holder is alive";
-    kill(holder->pid(), SIGKILL);
+    kill(holderPid, SIGKILL);
     holder->wait();
     EXPECT_TRUE(createWorksWithin(name, std::chrono::milliseconds(2500)));
     const std::string printed = stopManager();
     EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
-    EXPECT_NE(printed.find(std::to_string(holder->pid())), std::string::npos) << printed;
+    EXPECT_NE(printed.find(std::to_string(holderPid)), std::string::npos) << printed;
 }
 
 // No handler work: the timer only interrupts whatever the process waits in.

@@ -1,10 +1,11 @@
 // The chaos run: worker processes hammer named mutexes, recursive mutexes,
 // events, semaphores and reader-writer locks under a real korvane-syncd while
-// the supervisor kills, stops and restarts them and the manager. Every guarded
-// section checks invariants kept in a mapping of this program's own. Ends with
-// one line of figures; the exit status is 0 only when the run passed.
-// Run it through scripts/chaos.sh, which gives it a private /dev/shm.
-#include <dirent.h>
+// the supervisor kills and stops them, and stops and restarts the manager.
+// Every guarded section checks invariants kept in a mapping of this program's
+// own. Ends with one line of figures; exits 0 only when the run passed.
+// scripts/chaos.sh runs it with a private /dev/shm and explains the arguments:
+//   korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING(0|1) RECLAIM(0|1) SEED
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -13,11 +14,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <new>
 #include <random>
 #include <string>
@@ -27,32 +29,27 @@
 
 namespace {
 
-constexpr int kMaxWorkers = 32;
-constexpr int kTokens = 2; // the semaphore's count
-const char* const kNames[] = {"chaos_mutex", "chaos_recursive", "chaos_rw", "chaos_semaphore", "chaos_manual",
-                              "chaos_auto"};
+constexpr int kMaxWorkers = 32; // the last slot is the supervisor's
+constexpr int kTokens = 2;      // the semaphore's count
+constexpr int kKinds = 6;
+const char* const kNames[kKinds] = {"chaos_mutex", "chaos_recursive", "chaos_rw", "chaos_semaphore", "chaos_manual",
+                                    "chaos_auto"};
 
 // What a worker is doing, read by the supervisor while the worker is stopped.
 enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical };
 
-struct Slot {
-    std::atomic<int> pid;
-    std::atomic<int> phase;
-    std::atomic<int> holdsToken;
-};
-
 // Owner words are (slot << 32 | pid), 0 when nobody is inside.
 struct Shared {
-    std::atomic<uint64_t> operations, violations, repaired, longestWaitNs;
+    std::atomic<unsigned long long> operations, violations, repaired, longestWaitNs;
     std::atomic<uint64_t> mutexOwner, recursiveOwner, writer, readers[kMaxWorkers];
-    std::atomic<int> tokensHeld, quiet, stop;
     std::atomic<uint64_t> manualState; // odd while set; changes before every reset
     std::atomic<int64_t> autoSets, autoTaken, lastFaultNs;
-    Slot slots[kMaxWorkers];
+    std::atomic<int> tokensHeld, quiet, stop;
+    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers], holdsToken[kMaxWorkers];
 };
 
 Shared* shared = nullptr;
-int mySlot = -1;
+int mySlot = kMaxWorkers - 1;
 uint64_t me = 0;
 std::mt19937 rng;
 
@@ -69,33 +66,26 @@ timespec deadlineIn(int64_t ns) {
 
 int pick(int bound) { return static_cast<int>(rng() % static_cast<unsigned>(bound)); }
 
-void violation(const char* format, ...) {
+void violation(const std::string& what) {
     shared->violations++;
-    va_list args;
-    va_start(args, format);
-    std::fprintf(stderr, "chaos: violation in worker %d: ", getpid());
-    std::vfprintf(stderr, format, args);
-    std::fputc('\n', stderr);
-    va_end(args);
+    std::fprintf(stderr, "chaos: violation in %d: %s\n", getpid(), what.c_str());
 }
 
 char processState(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
-    if (!std::getline(stat, line) || line.rfind(") ") == std::string::npos)
-        return 'X';
-    return line[line.rfind(") ") + 2];
+    const size_t end = std::getline(stat, line) ? line.rfind(") ") : std::string::npos;
+    return end == std::string::npos ? 'X' : line[end + 2];
 }
 
 // The kernel releases a robust mutex of a killed holder before the holder
 // turns into a zombie, so give it a moment before calling it alive. A pid is
 // not reused before the supervisor reaps it and clears the slot.
 bool ownerDead(uint64_t owner) {
-    const int slot = static_cast<int>(owner >> 32);
-    const pid_t pid = static_cast<pid_t>(owner & 0xffffffffu);
+    const auto pid = static_cast<pid_t>(owner & 0xffffffffu);
     for (int i = 0; i < 500; ++i) {
         const char state = processState(pid);
-        if (shared->slots[slot].pid != pid || state == 'Z' || state == 'X')
+        if (shared->pid[owner >> 32] != pid || state == 'Z' || state == 'X')
             return true;
         usleep(1000);
     }
@@ -106,18 +96,15 @@ bool ownerDead(uint64_t owner) {
 // to one still inside: two in the section at once.
 void enter(std::atomic<uint64_t>& word, const char* what) {
     const uint64_t seen = word.load();
-    if (seen != 0 && seen != me) {
-        if (ownerDead(seen))
-            shared->repaired++;
-        else
-            violation("%s entered while pid %u is inside", what, static_cast<unsigned>(seen));
-    }
+    if (seen != 0 && !ownerDead(seen))
+        violation(std::string(what) + " entered while " + std::to_string(seen & 0xffffffffu) + " is inside");
+    shared->repaired += seen != 0;
     word = me;
 }
 
 void leave(std::atomic<uint64_t>& word, const char* what) {
     if (word.exchange(0) != me)
-        violation("%s changed hands while held", what);
+        violation(std::string(what) + " changed hands while held");
 }
 
 void linger() {
@@ -125,17 +112,15 @@ void linger() {
         usleep(pick(300));
 }
 
-// Counts a wait that ended in the quiet spell after the last fault, from the
-// later of its start and that fault.
+// Keeps the longest wait that ended in the quiet spell after the last fault,
+// counted from the later of its start and that fault.
 template <typename Wait>
 auto timed(Wait wait) {
     const int64_t start = nowNs();
     auto result = wait();
-    if (shared->quiet) {
-        const uint64_t waited = static_cast<uint64_t>(nowNs() - std::max(start, shared->lastFaultNs.load()));
-        uint64_t longest = shared->longestWaitNs;
-        while (waited > longest && !shared->longestWaitNs.compare_exchange_weak(longest, waited)) {
-        }
+    const auto waited = static_cast<unsigned long long>(nowNs() - std::max(start, shared->lastFaultNs.load()));
+    unsigned long long longest = shared->longestWaitNs;
+    while (shared->quiet && waited > longest && !shared->longestWaitNs.compare_exchange_weak(longest, waited)) {
     }
     return result;
 }
@@ -145,65 +130,63 @@ struct Handles {
     recursive_mutex_handle* recursive = nullptr;
     rw_mutex_handle* rw = nullptr;
     semaphore_handle* semaphore = nullptr;
-    event_handle* manual = nullptr;
-    event_handle* automatic = nullptr;
+    event_handle *manual = nullptr, *automatic = nullptr;
 };
 
 // A named creation that got no answer gives a handle whose operations return
-// at once; only a usable one has mapped its memory.
-bool mapped(const char* name) {
-    std::ifstream maps("/proc/self/maps");
-    const std::string suffix = std::string("/dev/shm/") + name;
-    for (std::string line; std::getline(maps, line);) {
-        if (line.size() >= suffix.size() && line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0)
-            return true;
-    }
-    return false;
+// at once; only a usable one maps its memory, once more than the mappings a
+// worker inherits from the supervisor's handles.
+int mappings(const char* name) {
+    std::ifstream file("/proc/self/maps");
+    const std::string maps((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string line = std::string("/dev/shm/") + name + "\n";
+    int count = 0;
+    for (size_t at = maps.find(line); at != std::string::npos; at = maps.find(line, at + 1))
+        ++count;
+    return count;
 }
+int inherited[kKinds] = {};
 
-void destroyOne(Handles& h, int which) {
-    shared->slots[mySlot].phase = kChannel;
+void createOrDestroy(Handles& h, int which, bool create) {
+    shared->phase[mySlot] = kChannel;
+    const char* name = kNames[which];
     switch (which) {
-    case 0: os_mutex_destroy(&h.mutex); break;
-    case 1: os_recursive_mutex_destroy(&h.recursive); break;
-    case 2: os_rw_mutex_destroy(&h.rw); break;
-    case 3: os_semaphore_destroy(&h.semaphore); break;
-    case 4: os_event_destroy(&h.manual); break;
-    default: os_event_destroy(&h.automatic); break;
+    case 0: create ? void(h.mutex = os_mutex_create(name)) : os_mutex_destroy(&h.mutex); break;
+    case 1: create ? void(h.recursive = os_recursive_mutex_create(name)) : os_recursive_mutex_destroy(&h.recursive); break;
+    case 2: create ? void(h.rw = os_rw_mutex_create(name)) : os_rw_mutex_destroy(&h.rw); break;
+    case 3: create ? void(h.semaphore = os_semaphore_create(kTokens, name)) : os_semaphore_destroy(&h.semaphore); break;
+    case 4: create ? void(h.manual = os_event_create(true, false, name)) : os_event_destroy(&h.manual); break;
+    default: create ? void(h.automatic = os_event_create(false, false, name)) : os_event_destroy(&h.automatic); break;
     }
-    shared->slots[mySlot].phase = kIdle;
-}
-
-bool createOne(Handles& h, int which) {
-    shared->slots[mySlot].phase = kChannel;
-    switch (which) {
-    case 0: h.mutex = os_mutex_create(kNames[0]); break;
-    case 1: h.recursive = os_recursive_mutex_create(kNames[1]); break;
-    case 2: h.rw = os_rw_mutex_create(kNames[2]); break;
-    case 3: h.semaphore = os_semaphore_create(kTokens, kNames[3]); break;
-    case 4: h.manual = os_event_create(true, false, kNames[4]); break;
-    default: h.automatic = os_event_create(false, false, kNames[5]); break;
-    }
-    shared->slots[mySlot].phase = kIdle;
-    if (mapped(kNames[which]))
-        return true;
-    destroyOne(h, which);
-    return false;
+    shared->phase[mySlot] = kIdle;
 }
 
 void recreate(Handles& h, int which) {
-    destroyOne(h, which);
-    while (!createOne(h, which) && !shared->stop)
+    createOrDestroy(h, which, false);
+    for (createOrDestroy(h, which, true); mappings(kNames[which]) != inherited[which] + 1 && !shared->stop; createOrDestroy(h, which, true)) {
+        createOrDestroy(h, which, false);
         usleep(5000);
+    }
+}
+
+// A section of a mutex or a recursive mutex: one process inside at a time,
+// and a holder killed inside leaves a mutex the next one repairs.
+template <typename Handle>
+void exclusive(Handle* handle, void (*lock)(Handle*), void (*unlock)(Handle*), std::atomic<uint64_t>& owner,
+               const char* what, const std::function<void()>& inside) {
+    timed([&] { lock(handle); return 0; });
+    shared->phase[mySlot] = kCritical;
+    enter(owner, what);
+    linger();
+    inside();
+    leave(owner, what);
+    shared->phase[mySlot] = kIdle;
+    unlock(handle);
 }
 
 // Set and reset run under the named mutex, so the recorded state follows the
 // event's: set before recording it, record before resetting.
-void mutexSection(Handles& h) {
-    timed([&] { os_mutex_lock(h.mutex); return 0; });
-    shared->slots[mySlot].phase = kCritical;
-    enter(shared->mutexOwner, "mutex");
-    linger();
+void setOrResetManual(Handles& h) {
     if (pick(3) == 0) {
         os_event_set_event(h.manual);
         shared->manualState |= 1;
@@ -211,79 +194,54 @@ void mutexSection(Handles& h) {
         shared->manualState = (shared->manualState | 1) + 1;
         os_event_reset_event(h.manual);
     }
-    leave(shared->mutexOwner, "mutex");
-    shared->slots[mySlot].phase = kIdle;
-    os_mutex_unlock(h.mutex);
-}
-
-void recursiveSection(Handles& h) {
-    timed([&] { os_recursive_mutex_lock(h.recursive); return 0; });
-    shared->slots[mySlot].phase = kCritical;
-    enter(shared->recursiveOwner, "recursive mutex");
-    os_recursive_mutex_lock(h.recursive);
-    linger();
-    if (shared->recursiveOwner != me)
-        violation("recursive mutex entered while held again by its owner");
-    os_recursive_mutex_unlock(h.recursive);
-    leave(shared->recursiveOwner, "recursive mutex");
-    shared->slots[mySlot].phase = kIdle;
-    os_recursive_mutex_unlock(h.recursive);
 }
 
 // A holder killed inside a reader-writer lock keeps it for ever (its count
 // and flag are not robust), so these sections are never killed.
 void rwSection(Handles& h, bool write) {
-    shared->slots[mySlot].phase = kUnaccounted;
+    shared->phase[mySlot] = kUnaccounted;
     timed([&] { (write ? os_rw_mutex_lock_wr : os_rw_mutex_lock_rd)(h.rw); return 0; });
-    if (write) {
-        enter(shared->writer, "writer");
-        for (auto& reader : shared->readers) {
-            const uint64_t seen = reader.load();
-            if (seen != 0 && !ownerDead(seen))
-                violation("writer beside reader %u", static_cast<unsigned>(seen));
-        }
-    } else {
-        const uint64_t seen = shared->writer.load();
-        if (seen != 0 && !ownerDead(seen))
-            violation("reader beside writer %u", static_cast<unsigned>(seen));
-        shared->readers[mySlot] = me;
+    const uint64_t writer = shared->writer.load();
+    if (!write && writer != 0 && !ownerDead(writer))
+        violation("reader beside writer " + std::to_string(writer & 0xffffffffu));
+    for (auto& reader : shared->readers) {
+        const uint64_t seen = reader.load();
+        if (write && seen != 0 && !ownerDead(seen))
+            violation("writer beside reader " + std::to_string(seen & 0xffffffffu));
     }
+    write ? enter(shared->writer, "writer") : void(shared->readers[mySlot] = me);
     linger();
-    if (write)
-        leave(shared->writer, "writer");
-    else
-        shared->readers[mySlot] = 0;
+    write ? leave(shared->writer, "writer") : void(shared->readers[mySlot] = 0);
     os_rw_mutex_unlock(h.rw);
-    shared->slots[mySlot].phase = kIdle;
+    shared->phase[mySlot] = kIdle;
 }
 
 // A token is held from the wait's success to the release; the supervisor
 // gives back the token of a worker it kills while holding one.
 void semaphoreSection(Handles& h) {
-    Slot& slot = shared->slots[mySlot];
-    slot.phase = kUnaccounted;
+    shared->phase[mySlot] = kUnaccounted;
     if (timed([&] { return os_semaphore_wait_timeout(h.semaphore, deadlineIn(200000000)); })) {
-        if (shared->tokensHeld.fetch_add(1) + 1 > kTokens)
-            violation("more than %d semaphore tokens held", kTokens);
-        slot.holdsToken = 1;
-        slot.phase = kCritical;
+        if (++shared->tokensHeld > kTokens)
+            violation("more semaphore tokens held than the semaphore has");
+        shared->holdsToken[mySlot] = 1;
+        shared->phase[mySlot] = kCritical;
         linger();
-        slot.phase = kUnaccounted;
+        shared->phase[mySlot] = kUnaccounted;
         shared->tokensHeld--;
-        slot.holdsToken = 0;
+        shared->holdsToken[mySlot] = 0;
         os_semaphore_release(h.semaphore);
     }
-    slot.phase = kIdle;
+    shared->phase[mySlot] = kIdle;
 }
 
 // A wait that times out on a manual event set all along lost the set; an
 // automatic event releases no more waiters than it had sets.
 void eventSection(Handles& h) {
+    const uint64_t before = shared->manualState;
+    const int64_t deadline = nowNs() + 20000000;
     if (pick(2) == 0) {
-        const uint64_t before = shared->manualState;
-        const timespec deadline = deadlineIn(20000000);
-        if (!timed([&] { return os_event_wait_timeout(h.manual, deadline); }) && (before & 1) &&
-            shared->manualState == before && nowNs() >= deadline.tv_sec * 1000000000LL + deadline.tv_nsec)
+        if (!timed([&] { return os_event_wait_timeout(h.manual, {deadline / 1000000000, deadline % 1000000000}); }) &&
+            (before & 1) != 0 && shared->manualState == before && nowNs() >= deadline)
             violation("a set manual event timed out");
     } else if (pick(2) == 0) {
         shared->autoSets++;
@@ -298,7 +256,7 @@ int workerMain(int slot, bool timer) {
     mySlot = slot;
     me = static_cast<uint64_t>(slot) << 32 | static_cast<uint32_t>(getpid());
     rng.seed(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(nowNs()));
-    if (timer) { // a busy interval timer restarting every interrupted call
+    if (timer) { // a busy interval timer whose handler restarts interrupted calls
         struct sigaction action {};
         action.sa_handler = [](int) {};
         action.sa_flags = SA_RESTART;
@@ -307,46 +265,47 @@ int workerMain(int slot, bool timer) {
         setitimer(ITIMER_REAL, &every1ms, nullptr);
     }
     Handles h;
-    for (int which = 0; which < 6; ++which)
+    for (int which = 0; which < kKinds; ++which) {
+        inherited[which] = mappings(kNames[which]);
         recreate(h, which);
-    while (!shared->stop) {
-        switch (pick(12)) {
-        case 0: case 1: mutexSection(h); break;
-        case 2: case 3: recursiveSection(h); break;
-        case 4: case 5: rwSection(h, pick(3) == 0); break;
-        case 6: case 7: semaphoreSection(h); break;
-        case 8: case 9: case 10: eventSection(h); break;
-        default: recreate(h, pick(6)); break;
-        }
-        shared->operations++;
     }
-    for (int which = 0; which < 6; ++which)
-        destroyOne(h, which);
+    for (; !shared->stop; shared->operations++) {
+        const int choice = pick(12);
+        if (choice < 2)
+            exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex", [&] { setOrResetManual(h); });
+        else if (choice < 4)
+            exclusive(h.recursive, os_recursive_mutex_lock, os_recursive_mutex_unlock, shared->recursiveOwner,
+                      "recursive mutex", [&] { os_recursive_mutex_lock(h.recursive); os_recursive_mutex_unlock(h.recursive); });
+        else if (choice < 6)
+            rwSection(h, pick(3) == 0);
+        else if (choice < 8)
+            semaphoreSection(h);
+        else if (choice < 11)
+            eventSection(h);
+        else
+            recreate(h, pick(kKinds));
+    }
+    for (int which = 0; which < kKinds; ++which)
+        createOrDestroy(h, which, false);
     return 0;
 }
 
-struct Figures {
-    int kills = 0, killsInSections = 0, killsInChannel = 0, stops = 0, managerStops = 0, restarts = 0, reclaims = 0,
-        timers = 0, unfinished = 0, namesLeft = 0;
-    int total() const { return kills + stops + managerStops + restarts + reclaims + timers; }
-};
+// ---------------------------------------------------------------------------
+// The supervisor.
 
-struct Options {
-    int64_t seconds = 60;
-    int workers = 6;
-    bool hardening = false;
-    unsigned seed = static_cast<unsigned>(time(nullptr));
-    std::string syncd, shm;
-};
-
-Options options;
-Figures figures;
+enum Fault { kKill, kKillInSection, kKillInChannel, kStop, kManagerStop, kRestart, kReclaim, kTimer, kFaults };
+const char* const kFaultNames[kFaults] = {"kills",          "of them in sections", "in create/destroy",
+                                          "stops",          "manager stops",       "manager restarts",
+                                          "reclaims",       "timer workers"};
+int faults[kFaults] = {};
+std::string syncd, shm;
+bool hardening = false;
 pid_t manager = -1;
 
 pid_t spawn(const std::string& program, const char* argument) {
     const pid_t pid = fork();
     if (pid == 0) {
-        freopen("/dev/null", "w", stdout);
+        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
         execl(program.c_str(), program.c_str(), argument, static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -356,9 +315,10 @@ pid_t spawn(const std::string& program, const char* argument) {
 // Waits at most `seconds` for `pid`, then kills it; true when it exited 0.
 bool reap(pid_t pid, int seconds) {
     int status = 0;
-    for (int i = 0; i < seconds * 100 && waitpid(pid, &status, WNOHANG) == 0; ++i)
+    pid_t done = 0;
+    for (int i = 0; i < seconds * 100 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
         usleep(10000);
-    if (waitpid(pid, &status, WNOHANG) == 0) {
+    if (done == 0) {
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
         return false;
@@ -366,19 +326,12 @@ bool reap(pid_t pid, int seconds) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-bool channelPresent() {
-    for (const char* name : {"/dev/shm/" KORVANE_SYNC_CHANNEL_MEMORY, "/dev/shm/sem." KORVANE_SYNC_LOCK_SEMAPHORE,
-                             "/dev/shm/sem." KORVANE_SYNC_REQUEST_SEMAPHORE, "/dev/shm/sem." KORVANE_SYNC_FINISH_SEMAPHORE})
-        if (access(name, F_OK) != 0)
-            return false;
-    return true;
-}
-
 bool startManager() {
-    manager = spawn(options.syncd, nullptr);
-    for (int i = 0; i < 500 && !channelPresent(); ++i)
+    manager = spawn(syncd, nullptr);
+    const std::string channel = std::string("/dev/shm/sem.") + KORVANE_SYNC_FINISH_SEMAPHORE;
+    for (int i = 0; i < 500 && !std::filesystem::exists(channel); ++i)
         usleep(10000);
-    return channelPresent();
+    return std::filesystem::exists(channel);
 }
 
 void stopManager() {
@@ -389,198 +342,143 @@ void stopManager() {
 
 void startWorker(int slot) {
     const bool timer = pick(4) == 0;
-    figures.timers += timer;
-    shared->slots[slot].phase = kIdle;
-    shared->slots[slot].holdsToken = 0;
+    faults[kTimer] += timer;
+    shared->phase[slot] = kIdle;
+    shared->holdsToken[slot] = 0;
     const pid_t pid = fork();
     if (pid == 0)
         _exit(workerMain(slot, timer));
-    shared->slots[slot].pid = pid;
+    shared->pid[slot] = pid;
 }
 
-bool reclaimAvailable() {
-    int fds[2];
-    if (pipe(fds) != 0)
-        return false;
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], STDOUT_FILENO);
-        dup2(fds[1], STDERR_FILENO);
-        execl(options.shm.c_str(), options.shm.c_str(), "--help", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string help;
-    char buffer[512];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
-        help.append(buffer, static_cast<size_t>(n));
-    close(fds[0]);
-    reap(pid, 10);
-    return help.find("reclaim") != std::string::npos;
-}
-
-// Stops the worker, and kills it only where its figures stay accounted for
-// (and, until the channel recovers from a killed client, outside
-// create/destroy); otherwise lets it go on.
+// Stops the worker until it is caught inside a section, or inside
+// create/destroy, or the tries run out; kills it only where the figures stay
+// accounted for (and outside create/destroy until the channel recovers from a
+// killed client); otherwise lets it go on.
 void killWorker(Handles& held, int slot) {
-    const pid_t pid = shared->slots[slot].pid;
-    int status = 0;
-    kill(pid, SIGSTOP);
-    if (waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status))
-        return violation("worker %d ended on its own", pid);
-    const int phase = shared->slots[slot].phase;
-    if (phase == kUnaccounted || (phase == kChannel && !options.hardening)) {
-        figures.stops++;
+    const pid_t pid = shared->pid[slot];
+    int status = 0, phase = kIdle;
+    for (int tries = 20; tries > 0; --tries) {
+        kill(pid, SIGSTOP);
+        if (waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status))
+            return violation("worker " + std::to_string(pid) + " ended on its own");
+        phase = shared->phase[slot];
+        if (phase == kCritical || (phase == kChannel && hardening) || tries == 1)
+            break;
+        kill(pid, SIGCONT);
+        usleep(pick(2000));
+    }
+    if (phase == kUnaccounted || (phase == kChannel && !hardening)) {
+        faults[kStop]++;
         kill(pid, SIGCONT);
         return;
     }
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
-    figures.kills++;
-    figures.killsInSections += phase == kCritical;
-    figures.killsInChannel += phase == kChannel;
-    if (shared->slots[slot].holdsToken) {
+    faults[kKill]++;
+    faults[kKillInSection] += phase == kCritical;
+    faults[kKillInChannel] += phase == kChannel;
+    if (shared->holdsToken[slot]) {
         shared->tokensHeld--;
         os_semaphore_release(held.semaphore);
     }
-    shared->slots[slot].pid = 0;
+    shared->pid[slot] = 0;
     startWorker(slot);
 }
 
-void injectFault(Handles& held, bool reclaim) {
-    const int slot = pick(options.workers);
-    switch (pick(options.hardening ? 7 : 5)) {
-    case 0: case 1: killWorker(held, slot); break;
-    case 2: case 3: // stops beyond the manager's 100 ms answer time too
-        kill(shared->slots[slot].pid, SIGSTOP);
+void injectFault(Handles& held, int workers, bool reclaim) {
+    const int slot = pick(workers), choice = pick(hardening ? 7 : 5);
+    const pid_t stopped = choice == 5 ? manager : shared->pid[slot].load();
+    if (choice < 2) {
+        killWorker(held, slot);
+    } else if (choice < 4 || choice == 5) { // beyond the manager's 100 ms answer time too
+        kill(stopped, SIGSTOP);
         usleep(1000 + pick(300000));
-        kill(shared->slots[slot].pid, SIGCONT);
-        figures.stops++;
-        break;
-    case 4:
-        if (reclaim) {
-            reap(spawn(options.shm, "reclaim"), 10);
-            figures.reclaims++;
-        }
-        break;
-    case 5:
-        kill(manager, SIGSTOP);
-        usleep(10000 + pick(300000));
-        kill(manager, SIGCONT);
-        figures.managerStops++;
-        break;
-    default:
+        kill(stopped, SIGCONT);
+        faults[choice == 5 ? kManagerStop : kStop]++;
+    } else if (choice == 4 && reclaim) {
+        reap(spawn(shm, "reclaim"), 10);
+        faults[kReclaim]++;
+    } else if (choice == 6) {
         stopManager();
         if (!startManager())
             violation("korvane-syncd did not restart");
-        figures.restarts++;
-        break;
+        faults[kRestart]++;
     }
     shared->lastFaultNs = nowNs();
 }
 
-int countNames() {
+int namesLeft() {
     int count = 0;
-    DIR* dir = opendir("/dev/shm");
-    for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
-        if (entry->d_name[0] != '.') {
-            std::fprintf(stderr, "chaos: left in /dev/shm: %s\n", entry->d_name);
-            ++count;
-        }
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        std::fprintf(stderr, "chaos: left in /dev/shm: %s\n", entry.path().c_str());
+        ++count;
     }
-    if (dir != nullptr)
-        closedir(dir);
     return count;
-}
-
-bool parse(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string flag = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : "";
-        if (flag == "--expect-hardening") {
-            options.hardening = true;
-            continue;
-        }
-        if (flag == "--seconds")
-            options.seconds = std::atoll(value);
-        else if (flag == "--workers")
-            options.workers = std::clamp(std::atoi(value), 1, kMaxWorkers - 1);
-        else if (flag == "--seed")
-            options.seed = static_cast<unsigned>(std::strtoul(value, nullptr, 10));
-        else if (flag == "--syncd")
-            options.syncd = value;
-        else if (flag == "--shm")
-            options.shm = value;
-        else
-            return false;
-        ++i;
-    }
-    return !options.syncd.empty() && !options.shm.empty();
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (!parse(argc, argv)) {
-        std::fprintf(stderr, "usage: korvane_chaos --syncd PATH --shm PATH [--seconds N] [--workers N] "
-                             "[--seed N] [--expect-hardening]\n");
+    if (argc != 8) {
+        std::fprintf(stderr, "usage: korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING RECLAIM SEED\n");
         return 2;
     }
-    if (countNames() != 0) {
+    syncd = argv[1];
+    shm = argv[2];
+    const long long seconds = std::atoll(argv[3]);
+    const int workers = std::clamp(std::atoi(argv[4]), 1, kMaxWorkers - 1);
+    hardening = std::atoi(argv[5]) != 0;
+    const bool reclaim = std::atoi(argv[6]) != 0;
+    rng.seed(static_cast<unsigned>(std::strtoul(argv[7], nullptr, 10)));
+    if (namesLeft() != 0) {
         std::fprintf(stderr, "chaos: /dev/shm is not empty; run through scripts/chaos.sh for a private one\n");
         return 2;
     }
-    void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    shared = new (memory) Shared();
-    rng.seed(options.seed);
-    const bool reclaim = reclaimAvailable();
+    shared = new (mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared();
     if (!startManager()) {
         std::fprintf(stderr, "chaos: korvane-syncd did not start\n");
         return 1;
     }
     // The supervisor's own handles keep every object alive across the run,
     // and its semaphore handle gives back the tokens of killed holders.
-    mySlot = kMaxWorkers - 1;
     Handles held;
-    for (int which = 0; which < 6; ++which)
+    for (int which = 0; which < kKinds; ++which)
         recreate(held, which);
-    for (int slot = 0; slot < options.workers; ++slot)
+    for (int slot = 0; slot < workers; ++slot)
         startWorker(slot);
-    const int64_t end = nowNs() + options.seconds * 1000000000LL;
-    while (nowNs() < end) {
+    for (const int64_t end = nowNs() + seconds * 1000000000LL; nowNs() < end;) {
         usleep(5000 + pick(100000));
-        injectFault(held, reclaim);
+        injectFault(held, workers, reclaim);
     }
     shared->quiet = 1;
     sleep(3);
     shared->stop = 1;
-    for (int slot = 0; slot < options.workers; ++slot)
-        figures.unfinished += !reap(shared->slots[slot].pid, 20);
-    int tokens = 0;
+    int unfinished = 0, tokens = 0;
+    for (int slot = 0; slot < workers; ++slot)
+        unfinished += !reap(shared->pid[slot], 20);
     while (os_semaphore_wait_timeout(held.semaphore, deadlineIn(0)))
         ++tokens;
     if (tokens != kTokens)
-        violation("the semaphore holds %d tokens, not %d", tokens, kTokens);
-    for (int which = 0; which < 6; ++which)
-        destroyOne(held, which);
+        violation("the semaphore ends with " + std::to_string(tokens) + " tokens");
+    for (int which = 0; which < kKinds; ++which)
+        createOrDestroy(held, which, false);
     stopManager();
     if (reclaim)
-        reap(spawn(options.shm, "reclaim"), 10);
-    figures.namesLeft = countNames();
-    const bool passed = shared->violations == 0 && figures.unfinished == 0 && figures.namesLeft == 0;
-    std::printf("chaos: %lld s, %d workers, seed %u: operations %llu, faults %d (kills %d, %d in sections, %d in "
-                "create/destroy; stops %d; manager stops %d; restarts %d; reclaims %d%s; timer workers %d), "
-                "violations %llu (holders found dead %llu), longest wait after the last fault %llu ms, "
-                "unfinished workers %d, names left %d: %s%s\n",
-                static_cast<long long>(options.seconds), options.workers, options.seed,
-                static_cast<unsigned long long>(shared->operations.load()), figures.total(), figures.kills,
-                figures.killsInSections, figures.killsInChannel, figures.stops, figures.managerStops,
-                figures.restarts, figures.reclaims, reclaim ? "" : " (no reclaim command)", figures.timers,
-                static_cast<unsigned long long>(shared->violations.load()),
-                static_cast<unsigned long long>(shared->repaired.load()),
-                static_cast<unsigned long long>(shared->longestWaitNs / 1000000), figures.unfinished,
-                figures.namesLeft, passed ? "passed" : "FAILED",
-                options.hardening ? "" : " [waiting for hardening: kills inside create/destroy, manager stops and "
-                                         "restarts are off; pass --expect-hardening]");
+        reap(spawn(shm, "reclaim"), 10);
+    const int left = namesLeft();
+    const bool passed = shared->violations == 0 && unfinished == 0 && left == 0;
+    std::string counts;
+    int total = 0;
+    for (int fault = 0; fault < kFaults; ++fault) {
+        counts += (fault ? ", " : "") + std::to_string(faults[fault]) + " " + kFaultNames[fault];
+        total += fault == kKillInSection || fault == kKillInChannel ? 0 : faults[fault];
+    }
+    std::printf("chaos: %lld s, %d workers: operations %llu, faults %d (%s), violations %llu, holders found dead %llu, "
+                "longest wait after the last fault %llu ms, unfinished workers %d, names left %d: %s%s\n",
+                seconds, workers, shared->operations.load(), total, counts.c_str(), shared->violations.load(),
+                shared->repaired.load(), shared->longestWaitNs / 1000000, unfinished, left,
+                passed ? "passed" : "FAILED",
+                hardening ? "" : " (waiting for the hardening: no kills in create/destroy, no manager stops or restarts)");
     return passed ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64
+# UndefinedBehaviorSanitizer, a minute of the chaos run, and the aarch64 cross build under qemu-aarch64
 # and again on a real arm64 kernel in an emulated machine; then installation
 # into a temporary prefix with two out-of-tree consumers, the Debian packages
 # of both architectures, and a build of the benchmarks. Every step runs even
@@ -62,6 +62,9 @@ run_arm64_machine() {
 }
 
 run_tests native
+# A minute of random kills and stops of workers and the manager (a private
+# /dev/shm, the native build's korvane-syncd).
+run_check chaos scripts/chaos.sh --seconds 60
 run_check install scripts/check-install.sh build/native
 run_tests sanitize
 run_tests aarch64

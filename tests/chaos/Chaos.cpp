@@ -36,7 +36,7 @@ const char* const kNames[kKinds] = {"chaos_mutex", "chaos_recursive", "chaos_rw"
                                     "chaos_auto"};
 
 // What a worker is doing, read by the supervisor while the worker is stopped.
-enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical };
+enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical, kHoldingToken };
 
 // Owner words are (slot << 32 | pid), 0 when nobody is inside.
 struct Shared {
@@ -45,7 +45,7 @@ struct Shared {
     std::atomic<uint64_t> manualState; // odd while set; changes before every reset
     std::atomic<int64_t> autoSets, autoTaken, lastFaultNs;
     std::atomic<int> tokensHeld, quiet, stop;
-    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers], holdsToken[kMaxWorkers];
+    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers];
 };
 
 Shared* shared = nullptr;
@@ -71,34 +71,25 @@ void violation(const std::string& what) {
     std::fprintf(stderr, "chaos: violation in %d: %s\n", getpid(), what.c_str());
 }
 
-char processState(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    const size_t end = std::getline(stat, line) ? line.rfind(") ") : std::string::npos;
-    return end == std::string::npos ? 'X' : line[end + 2];
-}
-
-// The kernel releases a robust mutex of a killed holder before the holder
-// turns into a zombie, so give it a moment before calling it alive. A pid is
-// not reused before the supervisor reaps it and clears the slot.
-bool ownerDead(uint64_t owner) {
-    const auto pid = static_cast<pid_t>(owner & 0xffffffffu);
-    for (int i = 0; i < 500; ++i) {
-        const char state = processState(pid);
-        if (shared->pid[owner >> 32] != pid || state == 'Z' || state == 'X')
-            return true;
-        usleep(1000);
-    }
-    return false;
-}
-
 // An owner word found set belongs to a holder that died inside (repaired) or
-// to one still inside: two in the section at once.
+// to one still inside. The kernel releases a robust mutex of a killed holder
+// before the holder turns into a zombie, so give it a moment before calling it
+// alive; a pid is not reused before the supervisor reaps it and clears the slot.
+void expectNobodyInside(uint64_t owner, const std::string& what) {
+    const auto pid = static_cast<pid_t>(owner & 0xffffffffu);
+    for (int i = 0; owner != 0 && i < 500; ++i, usleep(1000)) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string line;
+        const size_t end = std::getline(stat, line) ? line.rfind(") ") : std::string::npos;
+        if (shared->pid[owner >> 32] != pid || end == std::string::npos || line[end + 2] == 'Z')
+            return void(shared->repaired++);
+    }
+    if (owner != 0)
+        violation(what + " while " + std::to_string(pid) + " is inside");
+}
+
 void enter(std::atomic<uint64_t>& word, const char* what) {
-    const uint64_t seen = word.load();
-    if (seen != 0 && !ownerDead(seen))
-        violation(std::string(what) + " entered while " + std::to_string(seen & 0xffffffffu) + " is inside");
-    shared->repaired += seen != 0;
+    expectNobodyInside(word.load(), std::string(what) + " entered");
     word = me;
 }
 
@@ -150,22 +141,28 @@ int inherited[kKinds] = {};
 void createOrDestroy(Handles& h, int which, bool create) {
     shared->phase[mySlot] = kChannel;
     const char* name = kNames[which];
-    switch (which) {
-    case 0: create ? void(h.mutex = os_mutex_create(name)) : os_mutex_destroy(&h.mutex); break;
-    case 1: create ? void(h.recursive = os_recursive_mutex_create(name)) : os_recursive_mutex_destroy(&h.recursive); break;
-    case 2: create ? void(h.rw = os_rw_mutex_create(name)) : os_rw_mutex_destroy(&h.rw); break;
-    case 3: create ? void(h.semaphore = os_semaphore_create(kTokens, name)) : os_semaphore_destroy(&h.semaphore); break;
-    case 4: create ? void(h.manual = os_event_create(true, false, name)) : os_event_destroy(&h.manual); break;
-    default: create ? void(h.automatic = os_event_create(false, false, name)) : os_event_destroy(&h.automatic); break;
-    }
+    if (which == 0)
+        create ? void(h.mutex = os_mutex_create(name)) : os_mutex_destroy(&h.mutex);
+    else if (which == 1)
+        create ? void(h.recursive = os_recursive_mutex_create(name)) : os_recursive_mutex_destroy(&h.recursive);
+    else if (which == 2)
+        create ? void(h.rw = os_rw_mutex_create(name)) : os_rw_mutex_destroy(&h.rw);
+    else if (which == 3)
+        create ? void(h.semaphore = os_semaphore_create(kTokens, name)) : os_semaphore_destroy(&h.semaphore);
+    else if (which == 4)
+        create ? void(h.manual = os_event_create(true, false, name)) : os_event_destroy(&h.manual);
+    else
+        create ? void(h.automatic = os_event_create(false, false, name)) : os_event_destroy(&h.automatic);
     shared->phase[mySlot] = kIdle;
 }
 
 void recreate(Handles& h, int which) {
     createOrDestroy(h, which, false);
-    for (createOrDestroy(h, which, true); mappings(kNames[which]) != inherited[which] + 1 && !shared->stop; createOrDestroy(h, which, true)) {
+    createOrDestroy(h, which, true);
+    while (mappings(kNames[which]) != inherited[which] + 1 && !shared->stop) {
         createOrDestroy(h, which, false);
         usleep(5000);
+        createOrDestroy(h, which, true);
     }
 }
 
@@ -201,15 +198,11 @@ void setOrResetManual(Handles& h) {
 void rwSection(Handles& h, bool write) {
     shared->phase[mySlot] = kUnaccounted;
     timed([&] { (write ? os_rw_mutex_lock_wr : os_rw_mutex_lock_rd)(h.rw); return 0; });
-    const uint64_t writer = shared->writer.load();
-    if (!write && writer != 0 && !ownerDead(writer))
-        violation("reader beside writer " + std::to_string(writer & 0xffffffffu));
-    for (auto& reader : shared->readers) {
-        const uint64_t seen = reader.load();
-        if (write && seen != 0 && !ownerDead(seen))
-            violation("writer beside reader " + std::to_string(seen & 0xffffffffu));
-    }
-    write ? enter(shared->writer, "writer") : void(shared->readers[mySlot] = me);
+    for (auto& reader : shared->readers)
+        if (write)
+            expectNobodyInside(reader, "writer entered beside a reader");
+    write ? enter(shared->writer, "writer") : expectNobodyInside(shared->writer, "reader entered beside a writer");
+    shared->readers[mySlot] = write ? 0 : me;
     linger();
     write ? leave(shared->writer, "writer") : void(shared->readers[mySlot] = 0);
     os_rw_mutex_unlock(h.rw);
@@ -223,12 +216,10 @@ void semaphoreSection(Handles& h) {
     if (timed([&] { return os_semaphore_wait_timeout(h.semaphore, deadlineIn(200000000)); })) {
         if (++shared->tokensHeld > kTokens)
             violation("more semaphore tokens held than the semaphore has");
-        shared->holdsToken[mySlot] = 1;
-        shared->phase[mySlot] = kCritical;
+        shared->phase[mySlot] = kHoldingToken;
         linger();
         shared->phase[mySlot] = kUnaccounted;
         shared->tokensHeld--;
-        shared->holdsToken[mySlot] = 0;
         os_semaphore_release(h.semaphore);
     }
     shared->phase[mySlot] = kIdle;
@@ -254,6 +245,7 @@ void eventSection(Handles& h) {
 
 int workerMain(int slot, bool timer) {
     mySlot = slot;
+    shared->pid[slot] = getpid(); // before the supervisor gets to it
     me = static_cast<uint64_t>(slot) << 32 | static_cast<uint32_t>(getpid());
     rng.seed(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(nowNs()));
     if (timer) { // a busy interval timer whose handler restarts interrupted calls
@@ -272,10 +264,14 @@ int workerMain(int slot, bool timer) {
     for (; !shared->stop; shared->operations++) {
         const int choice = pick(12);
         if (choice < 2)
-            exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex", [&] { setOrResetManual(h); });
+            exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex",
+                      [&] { setOrResetManual(h); });
         else if (choice < 4)
             exclusive(h.recursive, os_recursive_mutex_lock, os_recursive_mutex_unlock, shared->recursiveOwner,
-                      "recursive mutex", [&] { os_recursive_mutex_lock(h.recursive); os_recursive_mutex_unlock(h.recursive); });
+                      "recursive mutex", [&] {
+                          os_recursive_mutex_lock(h.recursive); // held twice, released once
+                          os_recursive_mutex_unlock(h.recursive);
+                      });
         else if (choice < 6)
             rwSection(h, pick(3) == 0);
         else if (choice < 8)
@@ -293,11 +289,9 @@ int workerMain(int slot, bool timer) {
 // ---------------------------------------------------------------------------
 // The supervisor.
 
-enum Fault { kKill, kKillInSection, kKillInChannel, kStop, kManagerStop, kRestart, kReclaim, kTimer, kFaults };
-const char* const kFaultNames[kFaults] = {"kills",          "of them in sections", "in create/destroy",
-                                          "stops",          "manager stops",       "manager restarts",
-                                          "reclaims",       "timer workers"};
-int faults[kFaults] = {};
+struct Faults {
+    int kills, inSections, inChannel, stops, managerStops, restarts, reclaims, timers;
+} faults {};
 std::string syncd, shm;
 bool hardening = false;
 pid_t manager = -1;
@@ -315,13 +309,12 @@ pid_t spawn(const std::string& program, const char* argument) {
 // Waits at most `seconds` for `pid`, then kills it; true when it exited 0.
 bool reap(pid_t pid, int seconds) {
     int status = 0;
-    pid_t done = 0;
-    for (int i = 0; i < seconds * 100 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
+    for (int i = 0; waitpid(pid, &status, WNOHANG) == 0; ++i) {
+        if (i == seconds * 100) {
+            kill(pid, SIGKILL);
+            return waitpid(pid, &status, 0) < 0;
+        }
         usleep(10000);
-    if (done == 0) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        return false;
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -342,9 +335,8 @@ void stopManager() {
 
 void startWorker(int slot) {
     const bool timer = pick(4) == 0;
-    faults[kTimer] += timer;
+    faults.timers += timer;
     shared->phase[slot] = kIdle;
-    shared->holdsToken[slot] = 0;
     const pid_t pid = fork();
     if (pid == 0)
         _exit(workerMain(slot, timer));
@@ -354,66 +346,64 @@ void startWorker(int slot) {
 // Stops the worker until it is caught inside a section, or inside
 // create/destroy, or the tries run out; kills it only where the figures stay
 // accounted for (and outside create/destroy until the channel recovers from a
-// killed client); otherwise lets it go on.
+// killed client); otherwise lets it go on. A killed holder's token goes back.
 void killWorker(Handles& held, int slot) {
     const pid_t pid = shared->pid[slot];
     int status = 0, phase = kIdle;
-    for (int tries = 20; tries > 0; --tries) {
+    for (int tries = 20;; --tries) {
         kill(pid, SIGSTOP);
         if (waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status))
             return violation("worker " + std::to_string(pid) + " ended on its own");
         phase = shared->phase[slot];
-        if (phase == kCritical || (phase == kChannel && hardening) || tries == 1)
+        if (phase >= kCritical || (phase == kChannel && hardening) || tries == 1)
             break;
         kill(pid, SIGCONT);
         usleep(pick(2000));
     }
     if (phase == kUnaccounted || (phase == kChannel && !hardening)) {
-        faults[kStop]++;
+        faults.stops++;
         kill(pid, SIGCONT);
         return;
     }
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
-    faults[kKill]++;
-    faults[kKillInSection] += phase == kCritical;
-    faults[kKillInChannel] += phase == kChannel;
-    if (shared->holdsToken[slot]) {
+    faults.kills++;
+    faults.inSections += phase >= kCritical;
+    faults.inChannel += phase == kChannel;
+    if (phase == kHoldingToken) {
         shared->tokensHeld--;
         os_semaphore_release(held.semaphore);
     }
-    shared->pid[slot] = 0;
     startWorker(slot);
 }
 
+// Stops last up to 300 ms, beyond the manager's 100 ms answer time too.
 void injectFault(Handles& held, int workers, bool reclaim) {
     const int slot = pick(workers), choice = pick(hardening ? 7 : 5);
     const pid_t stopped = choice == 5 ? manager : shared->pid[slot].load();
     if (choice < 2) {
         killWorker(held, slot);
-    } else if (choice < 4 || choice == 5) { // beyond the manager's 100 ms answer time too
+    } else if (choice < 4 || choice == 5) {
         kill(stopped, SIGSTOP);
         usleep(1000 + pick(300000));
         kill(stopped, SIGCONT);
-        faults[choice == 5 ? kManagerStop : kStop]++;
+        ++(choice == 5 ? faults.managerStops : faults.stops);
     } else if (choice == 4 && reclaim) {
         reap(spawn(shm, "reclaim"), 10);
-        faults[kReclaim]++;
+        faults.reclaims++;
     } else if (choice == 6) {
         stopManager();
         if (!startManager())
             violation("korvane-syncd did not restart");
-        faults[kRestart]++;
+        faults.restarts++;
     }
     shared->lastFaultNs = nowNs();
 }
 
 int namesLeft() {
     int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-        std::fprintf(stderr, "chaos: left in /dev/shm: %s\n", entry.path().c_str());
-        ++count;
-    }
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
+        count += std::fprintf(stderr, "chaos: left in /dev/shm: %s\n", entry.path().c_str()) > 0;
     return count;
 }
 
@@ -468,17 +458,17 @@ int main(int argc, char** argv) {
         reap(spawn(shm, "reclaim"), 10);
     const int left = namesLeft();
     const bool passed = shared->violations == 0 && unfinished == 0 && left == 0;
-    std::string counts;
-    int total = 0;
-    for (int fault = 0; fault < kFaults; ++fault) {
-        counts += (fault ? ", " : "") + std::to_string(faults[fault]) + " " + kFaultNames[fault];
-        total += fault == kKillInSection || fault == kKillInChannel ? 0 : faults[fault];
-    }
-    std::printf("chaos: %lld s, %d workers: operations %llu, faults %d (%s), violations %llu, holders found dead %llu, "
-                "longest wait after the last fault %llu ms, unfinished workers %d, names left %d: %s%s\n",
-                seconds, workers, shared->operations.load(), total, counts.c_str(), shared->violations.load(),
+    const Faults& f = faults;
+    std::printf("chaos: %lld s, %d workers: operations %llu, faults %d (%d kills, %d of them in sections, %d in "
+                "create/destroy; %d stops; %d manager stops; %d manager restarts; %d reclaims; %d timer workers), "
+                "violations %llu, holders found dead %llu, longest wait after the last fault %llu ms, unfinished "
+                "workers %d, names left %d: %s%s\n",
+                seconds, workers, shared->operations.load(),
+                f.kills + f.stops + f.managerStops + f.restarts + f.reclaims + f.timers, f.kills, f.inSections,
+                f.inChannel, f.stops, f.managerStops, f.restarts, f.reclaims, f.timers, shared->violations.load(),
                 shared->repaired.load(), shared->longestWaitNs / 1000000, unfinished, left,
                 passed ? "passed" : "FAILED",
-                hardening ? "" : " (waiting for the hardening: no kills in create/destroy, no manager stops or restarts)");
+                hardening ? "" : " (waiting for the hardening: no kills in create/destroy, no manager stops or "
+                                 "restarts)");
     return passed ? 0 : 1;
 }

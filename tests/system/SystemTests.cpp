@@ -197,7 +197,8 @@ TEST(Thread, AtomicsReturnTheNewValueOrTheValueFoundAndLoseNothing) {
             for (int i = 0; i < 20000; ++i) {
                 os_thread_sync_fetch_add(&counters[0]);
                 os_thread_sync_fetch_sub(&counters[1]);
-                for (int64_t seen = 0, found; (found = os_thread_sync_compare_and_swap(&counters[2], seen, seen + 1)) != seen;)
+                int64_t seen = 0, found;
+                while ((found = os_thread_sync_compare_and_swap(&counters[2], seen, seen + 1)) != seen)
                     seen = found;
             }
         }, shared, 0);
@@ -398,8 +399,8 @@ TEST(Loader, FlagsMapOntoDlopenModesAndTheMainProgramIsFound) {
     EXPECT_EQ(os_dynamic_library_loader_get_proc(program, "kv_no_such_symbol"), nullptr);
     EXPECT_EQ(os_dynamic_library_loader_get_proc(program, nullptr), nullptr);
     EXPECT_EQ(os_dynamic_library_loader_free(program), 0);
-    EXPECT_EQ(kvtest::captureStdout([] { EXPECT_EQ(os_dynamic_library_loader_load("/nonexistent/libkv.so"), nullptr); }),
-              "");
+    const auto loadMissing = [] { EXPECT_EQ(os_dynamic_library_loader_load("/nonexistent/libkv.so"), nullptr); };
+    EXPECT_EQ(kvtest::captureStdout(loadMissing), "") << "a failed load prints nothing";
     EXPECT_EQ(os_dynamic_library_loader_get_proc(nullptr, "cos"), nullptr);
     EXPECT_EQ(os_dynamic_library_loader_free(nullptr), 0);
 }

@@ -453,6 +453,10 @@ int main(int argc, char** argv) {
         violation("the semaphore ends with " + std::to_string(tokens) + " tokens");
     for (int which = 0; which < kKinds; ++which)
         createOrDestroy(held, which, false);
+    // Killed workers' handles were never released: reclaim with the manager
+    // running and again once it stopped.
+    if (reclaim)
+        reap(spawn(shm, "reclaim"), 10);
     stopManager();
     if (reclaim)
         reap(spawn(shm, "reclaim"), 10);

@@ -333,30 +333,31 @@ TEST(Process, RootPrivilegesAndApplicationPath) {
     EXPECT_EQ(errno, EFAULT);
 }
 
-// The environment getter and both code-page copies share one protocol.
-TEST(CallerBuffer, EnvironmentAndCodePageCopies) {
+// The caller-buffer protocol, through the environment getter; the code-page
+// copies, which share it, are checked for the text they hand over.
+TEST(CallerBuffer, SizeQueryShortBufferAndCopy) {
     const char* text = "h\xc3\xa9llo"; // six bytes of UTF-8
     const std::string name = kvtest::uniqueName("VAR");
     setenv(name.c_str(), text, 1);
-    const std::function<bool(char*, size_t*)> getters[] = {
-        [&](char* buffer, size_t* size) { return os_system_get_os_environmentVariable(name.c_str(), buffer, size); },
-        [&](char* buffer, size_t* size) { return os_utf8helper_oem_from_utf8(text, buffer, size); },
-        [&](char* buffer, size_t* size) { return os_utf8helper_oem_to_utf8(text, buffer, size); }};
-    for (const auto& get : getters) {
-        char buffer[16] = "###";
-        size_t size = 0;
-        EXPECT_TRUE(get(nullptr, &size));
-        EXPECT_EQ(size, 7u) << "the size asked for";
-        size = 6;
-        EXPECT_FALSE(get(buffer, &size));
-        EXPECT_EQ(std::make_pair(size, buffer[0]), std::make_pair(size_t {6}, '#')) << "a short buffer is untouched";
+    char buffer[16] = "###";
+    size_t size = 0;
+    EXPECT_TRUE(os_system_get_os_environmentVariable(name.c_str(), nullptr, &size));
+    EXPECT_EQ(size, 7u) << "the size asked for";
+    size = 6;
+    EXPECT_FALSE(os_system_get_os_environmentVariable(name.c_str(), buffer, &size));
+    EXPECT_EQ(size, 6u) << "a short buffer keeps the caller's size";
+    EXPECT_EQ(buffer[0], '#') << "a short buffer is untouched";
+    EXPECT_FALSE(os_system_get_os_environmentVariable(name.c_str(), buffer, nullptr));
+    const std::pair<bool (*)(const char*, char*, size_t*), const char*> copies[] = {
+        {os_system_get_os_environmentVariable, name.c_str()}, {os_utf8helper_oem_from_utf8, text},
+        {os_utf8helper_oem_to_utf8, text}};
+    for (const auto& [copy, argument] : copies) {
         size = sizeof buffer;
-        EXPECT_TRUE(get(buffer, &size));
-        EXPECT_EQ(std::make_pair(size, std::string(buffer)), std::make_pair(size_t {7}, std::string(text)));
-        EXPECT_FALSE(get(buffer, nullptr));
+        EXPECT_TRUE(copy(argument, buffer, &size));
+        EXPECT_EQ(std::string(buffer, size), std::string(text, 7));
     }
     unsetenv(name.c_str());
-    size_t size = 99;
+    size = 99;
     EXPECT_FALSE(os_system_get_os_environmentVariable(name.c_str(), nullptr, &size));
     EXPECT_FALSE(os_system_get_os_environmentVariable(nullptr, nullptr, &size));
     EXPECT_FALSE(os_utf8helper_oem_to_utf8(nullptr, nullptr, &size));

@@ -352,8 +352,10 @@ void killWorker(Handles& held, int slot) {
     int status = 0, phase = kIdle;
     for (int tries = 20;; --tries) {
         kill(pid, SIGSTOP);
-        if (waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status))
-            return violation("worker " + std::to_string(pid) + " ended on its own");
+        if (waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status)) {
+            violation("worker " + std::to_string(pid) + " ended on its own");
+            return startWorker(slot);
+        }
         phase = shared->phase[slot];
         if (phase >= kCritical || (phase == kChannel && hardening) || tries == 1)
             break;

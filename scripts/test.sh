@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64
+# UndefinedBehaviorSanitizer, a minute of the chaos run, and the aarch64 cross build under qemu-aarch64
 # and again on a real arm64 kernel in an emulated machine; then installation
 # into a temporary prefix with two out-of-tree consumers, the Debian packages
 # of both architectures, and a build of the benchmarks. Every step runs even
@@ -64,6 +64,9 @@ declare -A step_command
 all_steps=()
 step() { all_steps+=("$1"); step_command[$1]="${*:2}"; }
 step native   run_workflow native
+# A minute of random kills and stops of workers, the manager and its
+# restarts (a private /dev/shm, the native build's korvane-syncd).
+step chaos    run_check scripts/chaos.sh --seconds 60 --expect-hardening
 step install  run_check scripts/check-install.sh build/native
 step sanitize run_workflow sanitize
 step aarch64  run_workflow aarch64

@@ -1,0 +1,80 @@
+// Standard lock guards over the mutex owners, within and across processes.
+#include <sched.h>
+
+#include <atomic>
+#include <korvane/korvane.hpp>
+#include <mutex>
+#include <shared_mutex>
+
+#include "SyncTestSupport.h"
+
+namespace {
+
+using namespace kvtest;
+using CppLocks = SyncTest;
+
+// Two processes add to a counter in shared memory with a yield between read
+// and write: only the named mutex keeps every increment.
+TEST_F(CppLocks, LockGuardOnNamedMutexExcludesAcrossProcesses) {
+    const std::string memoryName = name("counter"), mutexName = name("mutex");
+    auto memory = korvane::SharedMemory::create(memoryName, sizeof(int));
+    ASSERT_TRUE(memory);
+    auto* counter = static_cast<volatile int*>(memory->data());
+    auto addMany = [&] {
+        auto mutex = openMapped(mutexName, [&] { return std::make_unique<korvane::Mutex>(mutexName); });
+        for (int i = 0; i < 2000; ++i) {
+            std::lock_guard<korvane::Mutex> hold(*mutex);
+            const int seen = *counter;
+            sched_yield();
+            *counter = seen + 1;
+        }
+        return 0;
+    };
+    Child other(addMany);
+    addMany();
+    EXPECT_EQ(other.wait().exitCode, 0);
+    EXPECT_EQ(*counter, 4000);
+    memory->close(true);
+}
+
+TEST_F(CppLocks, OwnersMoveAndTheLastOneRemovesTheNamedMemory) {
+    const std::string mutexName = name("moved");
+    korvane::Mutex first(mutexName);
+    ASSERT_TRUE(first.usable());
+    korvane::Mutex second(std::move(first));
+    EXPECT_EQ(first.native_handle(), nullptr);
+    std::unique_lock<korvane::Mutex> hold(second);
+    hold.unlock();
+    second = korvane::Mutex();
+    EXPECT_TRUE(second.native_handle());
+    EXPECT_EQ(segmentSize(mutexName), -1);
+}
+
+TEST_F(CppLocks, SharedLockAdmitsReadersTogetherAndUniqueLockExcludesThem) {
+    korvane::SharedMutex lock;
+    korvane::RecursiveMutex recursive;
+    std::shared_lock<korvane::SharedMutex> reader(lock);
+    std::thread([&] { std::shared_lock<korvane::SharedMutex> second(lock); }).join();
+    std::scoped_lock<korvane::RecursiveMutex> outer(recursive), inner(recursive);
+    std::atomic<bool> written{false};
+    std::thread writer([&] {
+        std::unique_lock<korvane::SharedMutex> hold(lock);
+        written = true;
+    });
+    EXPECT_FALSE(written); // the writer waits for the reader still holding
+    reader.unlock();
+    writer.join();
+    EXPECT_TRUE(written);
+}
+
+TEST(CppLocksWithoutManager, LockOnUnusableNamedObjectThrowsInsteadOfReturningUnlocked) {
+    const std::string unusable = uniqueName("nomanager");
+    korvane::Mutex mutex(unusable);
+    korvane::SharedMutex shared(unusable);
+    EXPECT_FALSE(mutex.usable());
+    EXPECT_THROW(std::lock_guard<korvane::Mutex>{mutex}, std::system_error);
+    EXPECT_THROW(std::shared_lock<korvane::SharedMutex>{shared}, std::system_error);
+    EXPECT_TRUE(korvane::Mutex().usable());
+}
+
+} // namespace

@@ -2,7 +2,8 @@
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
 # UndefinedBehaviorSanitizer, and the aarch64 cross build under qemu-aarch64
 # and again on a real arm64 kernel in an emulated machine; then installation
-# into a temporary prefix with two out-of-tree consumers, the Debian packages
+# into a temporary prefix with two out-of-tree consumers and the examples, the
+# HTML reference (undocumented public names fail it), the Debian packages
 # of both architectures, and a build of the benchmarks. Every step runs even
 # when an earlier one failed; the exit status is non-zero when any failed.
 set -uo pipefail
@@ -63,6 +64,8 @@ run_arm64_machine() {
 
 run_tests native
 run_check install scripts/check-install.sh build/native
+# The HTML reference, failing on any undocumented public name.
+run_check docs bash -c 'cmake --preset native -DKORVANE_DOCS_STRICT=ON >/dev/null && cmake --build --preset native --target docs'
 run_tests sanitize
 run_tests aarch64
 run_arm64_machine

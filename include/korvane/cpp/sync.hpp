@@ -85,6 +85,7 @@ public:
     bool usable() const noexcept { return m_usable; }
 
 protected:
+    /// Takes over `handle`, created under `name` (null for a private object).
     NamedOwner(Handle* handle, const std::string* name)
         : Owner<Handle, Destroy>(handle), m_usable(name == nullptr || detail::named_memory_exists(*name)) {}
     /// Throws std::system_error on an unusable handle, as a standard lock

@@ -136,7 +136,10 @@ public:
     Library(Library&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
     /// Unloads the library held, then takes the other's.
     Library& operator=(Library&& other) noexcept {
-        std::swap(m_handle, other.m_handle);
+        if (this != &other) {
+            os_dynamic_library_loader_free(m_handle);
+            m_handle = std::exchange(other.m_handle, nullptr);
+        }
         return *this;
     }
     /// Unloads the library.
@@ -167,7 +170,10 @@ public:
     SerialPort(SerialPort&& other) noexcept : m_port(std::exchange(other.m_port, -1)) {}
     /// Closes the port held, then takes the other's.
     SerialPort& operator=(SerialPort&& other) noexcept {
-        std::swap(m_port, other.m_port);
+        if (this != &other) {
+            os_serial_close(&m_port);
+            m_port = std::exchange(other.m_port, -1);
+        }
         return *this;
     }
     /// Closes the port.

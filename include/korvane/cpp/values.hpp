@@ -121,8 +121,12 @@ public:
     Variant(std::string_view text) : Variant() {
         variant_set_bstrunit(&m_value, detail::make_unit(text).get());
     }
-    /// A string variant (a C string would otherwise pick the bool constructor).
-    Variant(const char* text) : Variant(std::string_view(text)) {}
+    /// A string variant (a C string would otherwise pick the bool
+    /// constructor); empty for a null `text`, as variant_set_string leaves it.
+    Variant(const char* text) : Variant() {
+        if (text != nullptr)
+            variant_set_bstrunit(&m_value, detail::make_unit(text).get());
+    }
     /// A deep copy.
     Variant(const Variant& other) : Variant() { variant_set_variant(&m_value, &other.m_value); }
     /// Takes the other's value (and its string), leaving it empty.

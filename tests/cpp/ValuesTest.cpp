@@ -33,6 +33,17 @@ TEST(CppVariant, TryGetConvertsACopyOrIsEmpty) {
     EXPECT_EQ(Variant(-4886718345ll).try_get<bool>(), std::nullopt); // a refused pair
 }
 
+TEST(CppVariantWrapper, ClonesOwnTheirValueAndReferencesAreGivenBack) {
+    korvane::VariantWrapper original;
+    original.bind_copy(Variant(5));
+    const korvane::VariantWrapper clone = original.clone();
+    original = korvane::VariantWrapper();
+    EXPECT_EQ(clone.type(), "int");
+    auto reader = clone.reader();
+    EXPECT_EQ(reader->addRef(), 3); // the wrapper's, this Ref's and this call's
+    reader->releaseRef();
+}
+
 TEST(CppBStr, ConvertsToAndFromStringViewKeepingInnerNuls) {
     korvane::BStr text;
     EXPECT_FALSE(text.has_value());

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -109,6 +110,20 @@ inline bool named_memory_exists(const std::string& name) {
     const std::string::size_type start = name.find_first_not_of('/');
     const std::string path = "/dev/shm/" + name.substr(start == std::string::npos ? name.size() : start);
     return os_clibrary_file_access(path.c_str(), F_OK) == 0;
+}
+
+/// Runs a function of the caller-buffer protocol twice: once for the size,
+/// once for the text. `call(buffer, size)` is the flat call.
+template <class Size, class Call>
+std::optional<std::string> buffer_text(Call call) {
+    Size size = 0;
+    if (!call(nullptr, &size) || size == 0)
+        return std::nullopt;
+    std::string text(size, '\0');
+    if (!call(text.data(), &size))
+        return std::nullopt;
+    text.resize(size - 1); // the size counts the NUL
+    return text;
 }
 
 /// What a lock on an unusable handle throws, as std::mutex::lock would on a

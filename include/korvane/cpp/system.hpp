@@ -24,24 +24,6 @@
 #include "korvane/system.h"
 
 namespace korvane {
-namespace detail {
-
-/// Runs a function of the caller-buffer protocol twice: once for the size,
-/// once for the text. `call(buffer, size)` is the flat call.
-template <class Size, class Call>
-std::optional<std::string> buffer_text(Call call) {
-    Size size = 0;
-    if (!call(nullptr, &size) || size == 0)
-        return std::nullopt;
-    std::string text(size, '\0');
-    if (!call(text.data(), &size))
-        return std::nullopt;
-    text.resize(size - 1); // the size counts the NUL
-    return text;
-}
-
-} // namespace detail
-
 /// The environment variable `name`; empty when it is not set.
 inline std::optional<std::string> environment_variable(const std::string& name) {
     return detail::buffer_text<size_t>([&](char* buffer, size_t* size) {

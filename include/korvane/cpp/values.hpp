@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "korvane/automation.h"
+#include "korvane/interfaces.h"
 #include "korvane/cpp/owner.hpp"
 
 namespace korvane {
@@ -247,6 +248,81 @@ public:
     const_iterator begin() const { return const_iterator(this, 0); }
     /// Past the last element.
     const_iterator end() const { return const_iterator(this, size()); }
+};
+
+/// Holds one reference on a reference-counted interface (IVariantRead,
+/// IVariantWrite) and gives it back with releaseRef when it goes.
+template <class Interface>
+class Ref {
+public:
+    /// Takes over one reference on `object` (may be null).
+    explicit Ref(Interface* object = nullptr) noexcept : m_object(object) {}
+    /// Takes the other's reference.
+    Ref(Ref&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
+    /// Gives back the reference held, then takes the other's.
+    Ref& operator=(Ref&& other) noexcept {
+        if (this != &other) {
+            if (m_object != nullptr)
+                m_object->releaseRef();
+            m_object = std::exchange(other.m_object, nullptr);
+        }
+        return *this;
+    }
+    /// Gives back the reference.
+    ~Ref() {
+        if (m_object != nullptr)
+            m_object->releaseRef();
+    }
+    /// The interface.
+    Interface* operator->() const noexcept { return m_object; }
+    /// The interface, for the flat functions.
+    Interface* get() const noexcept { return m_object; }
+    /// True while a reference is held.
+    explicit operator bool() const noexcept { return m_object != nullptr; }
+
+private:
+    Interface* m_object;
+};
+
+/// A variant wrapper: a variant bound to a reader and a writer, handed out
+/// according to the mode.
+class VariantWrapper : public Owner<variant_wrapper_handle, variant_wrapper_destroy> {
+public:
+    /// Readable, not writable, unbound.
+    VariantWrapper() : Owner(variant_wrapper_create()) {}
+    /// Sets whether the reader and the writer are handed out.
+    void set_mode(bool readable, bool writable) noexcept {
+        variant_wrapper_set_mode(native_handle(), readable, writable);
+    }
+    /// Binds a copy of `value` that the wrapper owns.
+    void bind_copy(const Variant& value) {
+        variant_wrapper_set_wrapper_value(native_handle(), const_cast<tagTVARIANT*>(value.native_handle()), true);
+    }
+    /// Binds `value` itself, which must outlive the binding.
+    void bind(Variant& value) noexcept {
+        variant_wrapper_set_wrapper_value(native_handle(), value.native_handle(), false);
+    }
+    /// The bound variant's type name ("" for an empty one); empty when unbound.
+    std::optional<std::string> type() const {
+        return detail::buffer_text<unsigned long>([&](char* buffer, unsigned long* length) {
+            return variant_wrapper_get_type(native_handle(), buffer, length);
+        });
+    }
+    /// Converts the bound variant to the named type; false only when unbound.
+    bool set_type(const std::string& name) noexcept { return variant_wrapper_set_type(native_handle(), name.c_str()); }
+    /// The reader, or an empty Ref when the wrapper is not readable.
+    Ref<IVariantRead> reader() const noexcept {
+        return Ref<IVariantRead>(variant_wrapper_get_variantread(native_handle()));
+    }
+    /// The writer, or an empty Ref when the wrapper is not writable.
+    Ref<IVariantWrite> writer() const noexcept {
+        return Ref<IVariantWrite>(variant_wrapper_get_variantwrite(native_handle()));
+    }
+    /// A wrapper with the same mode that owns a copy of the bound value.
+    VariantWrapper clone() const { return VariantWrapper(variant_wrapper_clone(native_handle())); }
+
+private:
+    explicit VariantWrapper(variant_wrapper_handle* handle) noexcept : Owner(handle) {}
 };
 
 } // namespace korvane

@@ -18,12 +18,14 @@
 #include <utility>
 
 #include "korvane/automation.h"
+#include "korvane/cpp/owner.hpp"
 #include "korvane/fs.h"
 #include "korvane/interfaces.h"
 #include "korvane/io.h"
 #include "korvane/system.h"
 
 namespace korvane {
+
 /// The environment variable `name`; empty when it is not set.
 inline std::optional<std::string> environment_variable(const std::string& name) {
     return detail::buffer_text<size_t>([&](char* buffer, size_t* size) {

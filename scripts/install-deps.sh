@@ -25,6 +25,7 @@ case "$job" in
     need_command qemu-aarch64 qemu-user
     need_command killall psmisc
     need_command awk gawk
+    need_command doxygen doxygen
     ;;
 esac
 case "$job" in

@@ -2,7 +2,8 @@
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
 # UndefinedBehaviorSanitizer, a minute of the chaos run, and the aarch64 cross build under qemu-aarch64
 # and again on a real arm64 kernel in an emulated machine; then installation
-# into a temporary prefix with two out-of-tree consumers, the Debian packages
+# into a temporary prefix with two out-of-tree consumers and the examples, the
+# HTML reference (undocumented public names fail it), the Debian packages
 # of both architectures, and a build of the benchmarks. Every step runs even
 # when an earlier one failed; the exit status is non-zero when any failed.
 #   scripts/test.sh [STEP...]   runs the named steps, all of them when none is named
@@ -68,6 +69,8 @@ step native   run_workflow native
 # restarts (a private /dev/shm, the native build's korvane-syncd).
 step chaos    run_check scripts/chaos.sh --seconds 60 --expect-hardening
 step install  run_check scripts/check-install.sh build/native
+# The HTML reference, failing on any undocumented public name.
+step docs     run_check bash -c "'cmake --preset native -DKORVANE_DOCS_STRICT=ON >/dev/null && cmake --build --preset native --target docs'"
 step sanitize run_workflow sanitize
 step aarch64  run_workflow aarch64
 step arm64-vm run_arm64_machine

@@ -1,5 +1,6 @@
-// libKorvane: the whole public interface. Include this one header and link
-// with -lKorvane.
+/// @file
+/// libKorvane: the whole public interface. Include this one header and link
+/// with -lKorvane.
 #ifndef KORVANE_KORVANE_H
 #define KORVANE_KORVANE_H
 

@@ -1,8 +1,9 @@
-// Shared types of libKorvane: variant tags, the variant record, the BSTR
-// buffer, the safe-array base record and the opaque handle classes.
-//
-// The layouts below are part of the binary interface: applications built
-// against them exchange these records with the library by pointer.
+/// @file
+/// Shared types of libKorvane: variant tags, the variant record, the BSTR
+/// buffer, the safe-array base record and the opaque handle classes.
+///
+/// The layouts below are part of the binary interface: applications built
+/// against them exchange these records with the library by pointer.
 #ifndef KORVANE_TYPES_H
 #define KORVANE_TYPES_H
 
@@ -15,24 +16,26 @@
 // ---------------------------------------------------------------------------
 // Variant type tags.
 
+/// A variant type tag: one of TVARENUM.
 typedef uint16_t TVARTYPE;
 
+/// The variant type tags.
 enum TVARENUM : TVARTYPE {
-    TVT_EMPTY = 0,
-    TVT_CHAR = 1,       // char, read as an unsigned byte by every conversion
-    TVT_BYTE = 2,       // unsigned char
-    TVT_SHORT = 3,      // signed 16-bit
-    TVT_USHORT = 4,     // unsigned 16-bit
-    TVT_INT = 5,        // signed 32-bit
-    TVT_UINT = 6,       // unsigned 32-bit
-    TVT_LONG = 7,       // signed 64-bit (long)
-    TVT_ULONG = 8,      // unsigned 64-bit (unsigned long)
-    TVT_LONGLONG = 9,   // signed 64-bit (long long)
-    TVT_ULONGLONG = 10, // unsigned 64-bit (unsigned long long)
-    TVT_FLOAT = 11,     // IEEE single
-    TVT_DOUBLE = 12,    // IEEE double
-    TVT_STRING = 13,    // owned bstrunit pointer, may be null
-    TVT_BOOL = 14,      // one byte, 0 or 1
+    TVT_EMPTY = 0,      ///< no value
+    TVT_CHAR = 1,       ///< char, read as an unsigned byte by every conversion
+    TVT_BYTE = 2,       ///< unsigned char
+    TVT_SHORT = 3,      ///< signed 16-bit
+    TVT_USHORT = 4,     ///< unsigned 16-bit
+    TVT_INT = 5,        ///< signed 32-bit
+    TVT_UINT = 6,       ///< unsigned 32-bit
+    TVT_LONG = 7,       ///< signed 64-bit (long)
+    TVT_ULONG = 8,      ///< unsigned 64-bit (unsigned long)
+    TVT_LONGLONG = 9,   ///< signed 64-bit (long long)
+    TVT_ULONGLONG = 10, ///< unsigned 64-bit (unsigned long long)
+    TVT_FLOAT = 11,     ///< IEEE single
+    TVT_DOUBLE = 12,    ///< IEEE double
+    TVT_STRING = 13,    ///< owned bstrunit pointer, may be null
+    TVT_BOOL = 14,      ///< one byte, 0 or 1
 };
 
 // ---------------------------------------------------------------------------
@@ -41,22 +44,26 @@ enum TVARENUM : TVARTYPE {
 // from a C string counts and stores the terminating NUL. Units handed to the
 // caller are released with bstrunit_free (array delete of the block).
 
+/// The BSTR buffer's header; the data bytes follow it in the same block.
 struct bstrunit {
-    int32_t length; // count of data bytes that follow this field
+    int32_t length; ///< count of data bytes that follow this field
 };
 static_assert(sizeof(bstrunit) == 4, "bstrunit header is the 4-byte length");
 
+///@{
+/// The unit's data bytes, right after its length field.
 inline char* bstrunit_data(bstrunit* unit) {
     return reinterpret_cast<char*>(unit) + sizeof(bstrunit);
 }
 inline const char* bstrunit_data(const bstrunit* unit) {
     return reinterpret_cast<const char*>(unit) + sizeof(bstrunit);
 }
+///@}
 
-// Allocates a unit of `length` data bytes (uninitialised) the way the
-// library does, so the library may free it and vice versa. A negative length
-// throws std::bad_array_new_length: the block would be smaller than its
-// 4-byte length field.
+/// Allocates a unit of `length` data bytes (uninitialised) the way the
+/// library does, so the library may free it and vice versa. A negative length
+/// throws std::bad_array_new_length: the block would be smaller than its
+/// 4-byte length field.
 inline bstrunit* bstrunit_alloc(int32_t length) {
     if (length < 0)
         throw std::bad_array_new_length();
@@ -64,7 +71,7 @@ inline bstrunit* bstrunit_alloc(int32_t length) {
     return new (block) bstrunit{length};
 }
 
-// Releases a unit obtained from the library or from bstrunit_alloc.
+/// Releases a unit obtained from the library or from bstrunit_alloc.
 inline void bstrunit_free(bstrunit* unit) {
     delete[] reinterpret_cast<char*>(unit);
 }
@@ -74,8 +81,10 @@ inline void bstrunit_free(bstrunit* unit) {
 // 8-byte aligned, so the record is 16 bytes with the value at offset 8. A
 // scalar occupies the low-order bytes of the union at its own width.
 
+/// The caller-allocated 16-byte variant record.
 typedef struct tagTVARIANT {
-    TVARTYPE vt;
+    TVARTYPE vt; ///< the type tag
+    /// The value, at its own width, or a string's owned unit.
     union {
         char charVal;
         unsigned char byteVal;
@@ -91,7 +100,7 @@ typedef struct tagTVARIANT {
         double doubleVal;
         bool boolVal;
         bstrunit* bstrVal;
-        uint64_t bits; // the whole 64-bit value
+        uint64_t bits; ///< the whole 64-bit value
     } value;
 } tagTVARIANT;
 
@@ -103,10 +112,11 @@ static_assert(sizeof(long) == 8, "long is 64-bit on the supported targets");
 // ---------------------------------------------------------------------------
 // tagTSAFEITEMARRAY: the public base record of a safe array handle.
 
+/// The public base record of a safe array handle.
 struct tagTSAFEITEMARRAY {
-    TVARTYPE vt;    // element type, fixed at creation
-    uint32_t count; // number of elements
-    void* data;     // element storage, or null
+    TVARTYPE vt;    ///< element type, fixed at creation
+    uint32_t count; ///< number of elements
+    void* data;     ///< element storage, or null
 };
 static_assert(offsetof(tagTSAFEITEMARRAY, count) == 4, "count follows the 16-bit type");
 static_assert(offsetof(tagTSAFEITEMARRAY, data) == 8, "data pointer at offset 8");

@@ -22,15 +22,10 @@ namespace korvane {
 /// objects can be created by every process of the machine.
 class SyncManager {
 public:
-    /// Starts the manager and returns once its channel is open (at most a
-    /// second later); running() tells whether it started (another manager,
-    /// or a crashed one's leftovers, keep it from starting).
-    SyncManager() : m_running(os_sync_environment_initialize(false)) {
-        // The manager's thread opens its request and finish semaphores a
-        // moment after the start; a creation before that would fail.
-        for (int waited = 0; m_running && waited < 1000 && !channel_open(); ++waited)
-            os_thread_sleep_milliseconds(1);
-    }
+    /// Starts the manager, ready for creations when it returns; running()
+    /// tells whether it started (another manager, or a crashed one's
+    /// leftovers, keep it from starting).
+    SyncManager() : m_running(os_sync_environment_initialize(false)) {}
     /// Stops the manager and removes the named memories it still holds.
     ~SyncManager() {
         if (m_running)
@@ -42,10 +37,6 @@ public:
     bool running() const noexcept { return m_running; }
 
 private:
-    static bool channel_open() {
-        return detail::named_memory_exists(std::string("sem.") + KORVANE_SYNC_REQUEST_SEMAPHORE) &&
-               detail::named_memory_exists(std::string("sem.") + KORVANE_SYNC_FINISH_SEMAPHORE);
-    }
     bool m_running;
 };
 

@@ -90,58 +90,43 @@ private:
     bool m_usable;
 };
 
-/// A mutex private to the process, or a robust one shared under a name by
-/// every process (a holder's death hands the next locker a repaired mutex).
-/// Meets BasicLockable.
-class Mutex : public NamedOwner<mutex_handle, os_mutex_destroy> {
+/// A lock over one kind of mutex handle: private to the process when made
+/// without a name, shared by every process under a name. Meets BasicLockable.
+template <class Handle, Handle* (*Create)(const char*), void (*Destroy)(Handle**), void (*Lock)(Handle*),
+          void (*Unlock)(Handle*)>
+class BasicMutex : public NamedOwner<Handle, Destroy> {
 public:
-    /// A mutex private to the process.
-    Mutex() : NamedOwner(os_mutex_create(nullptr), nullptr) {}
-    /// The named mutex `name` (needs a running sync manager).
-    explicit Mutex(const std::string& name) : NamedOwner(os_mutex_create(name.c_str()), &name) {}
-    /// Returns holding the mutex; std::system_error on an unusable handle.
+    /// A lock private to the process.
+    BasicMutex() : NamedOwner<Handle, Destroy>(Create(nullptr), nullptr) {}
+    /// The named lock `name` (needs a running sync manager).
+    explicit BasicMutex(const std::string& name) : NamedOwner<Handle, Destroy>(Create(name.c_str()), &name) {}
+    /// Returns holding the lock (alone, for a reader-writer lock);
+    /// std::system_error on an unusable handle.
     void lock() {
-        require_usable();
-        os_mutex_lock(native_handle());
+        this->require_usable();
+        Lock(this->native_handle());
     }
-    /// Releases the mutex.
-    void unlock() noexcept { os_mutex_unlock(native_handle()); }
+    /// Releases the lock (one level of it, for a recursive mutex).
+    void unlock() noexcept { Unlock(this->native_handle()); }
 };
 
+/// A mutex private to the process, or a robust one shared under a name by
+/// every process (a holder's death hands the next locker a repaired mutex).
+using Mutex = BasicMutex<mutex_handle, os_mutex_create, os_mutex_destroy, os_mutex_lock, os_mutex_unlock>;
+
 /// A mutex its holder may lock again (one unlock per lock), private or named
-/// as Mutex. Meets BasicLockable.
-class RecursiveMutex : public NamedOwner<recursive_mutex_handle, os_recursive_mutex_destroy> {
-public:
-    /// A recursive mutex private to the process.
-    RecursiveMutex() : NamedOwner(os_recursive_mutex_create(nullptr), nullptr) {}
-    /// The named recursive mutex `name` (needs a running sync manager).
-    explicit RecursiveMutex(const std::string& name)
-        : NamedOwner(os_recursive_mutex_create(name.c_str()), &name) {}
-    /// Returns holding the mutex; std::system_error on an unusable handle.
-    void lock() {
-        require_usable();
-        os_recursive_mutex_lock(native_handle());
-    }
-    /// Releases one level of the lock.
-    void unlock() noexcept { os_recursive_mutex_unlock(native_handle()); }
-};
+/// as Mutex.
+using RecursiveMutex = BasicMutex<recursive_mutex_handle, os_recursive_mutex_create, os_recursive_mutex_destroy,
+                                  os_recursive_mutex_lock, os_recursive_mutex_unlock>;
 
 /// The reader-writer lock (readers preferred), private or named: lock() and
 /// unlock() for the writer, lock_shared() and unlock_shared() for readers,
 /// so std::unique_lock and std::shared_lock both work on it.
-class SharedMutex : public NamedOwner<rw_mutex_handle, os_rw_mutex_destroy> {
+class SharedMutex
+    : public BasicMutex<rw_mutex_handle, os_rw_mutex_create, os_rw_mutex_destroy, os_rw_mutex_lock_wr,
+                        os_rw_mutex_unlock> {
 public:
-    /// A lock shared by the threads of this process.
-    SharedMutex() : NamedOwner(os_rw_mutex_create(nullptr), nullptr) {}
-    /// The named lock `name` (needs a running sync manager).
-    explicit SharedMutex(const std::string& name) : NamedOwner(os_rw_mutex_create(name.c_str()), &name) {}
-    /// Returns holding the lock alone; std::system_error on an unusable handle.
-    void lock() {
-        require_usable();
-        os_rw_mutex_lock_wr(native_handle());
-    }
-    /// Releases the writer's hold.
-    void unlock() noexcept { os_rw_mutex_unlock(native_handle()); }
+    using BasicMutex::BasicMutex;
     /// Returns holding the lock with other readers; std::system_error on an
     /// unusable handle.
     void lock_shared() {

@@ -3,9 +3,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
@@ -51,6 +53,18 @@ uint32_t readOpenCount(const std::string& path) {
     return count;
 }
 
+// Whether a line of /proc/<pid>/maps maps `file`. The path alone does not
+// tell: a process in another mount namespace (a container, a test with its
+// own /dev/shm) maps a different file under the same path. The device and
+// inode numbers of the mapping do.
+bool mapsFile(const std::string& line, const struct stat& file) {
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    unsigned long inode = 0;
+    return std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu", &major, &minor, &inode) == 3 &&
+           makedev(major, minor) == file.st_dev && inode == file.st_ino;
+}
+
 } // namespace
 
 const char* kindOfSize(uint64_t size) {
@@ -81,6 +95,9 @@ std::map<std::string, std::vector<pid_t>> mappingProcesses(const std::string& di
             std::string name = line.substr(at + prefix.size());
             if (std::find(seen.begin(), seen.end(), name) != seen.end())
                 continue; // one process may map the same file more than once
+            struct stat file;
+            if (stat(line.substr(at).c_str(), &file) != 0 || !mapsFile(line, file))
+                continue;
             seen.push_back(name);
             holders[name].push_back(pid);
         }

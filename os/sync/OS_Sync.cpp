@@ -57,6 +57,18 @@ sem_t* createSemaphore(const char* name, unsigned int value) {
     return nullptr;
 }
 
+// Whether a create request may have a memory made under `name`. The channel
+// memory and the files of named semaphores ("sem.<name>") share the folder
+// with the object memories, and creating a memory takes over and clears a
+// file of that name: the channel, or another program's semaphore, would be
+// destroyed by one request. shm_open ignores leading slashes, so they are
+// ignored here too.
+bool mayCreate(const std::string& name) {
+    const size_t start = name.find_first_not_of('/');
+    return start != std::string::npos && name.compare(start, std::string::npos, kChannelMemoryName) != 0 &&
+           name.compare(start, 4, "sem.") != 0;
+}
+
 void removeMemory(sharememory_handle*& memory) {
     os_sharememory_close(memory, true);
     os_sharememory_destroy(&memory);
@@ -126,7 +138,7 @@ void os_sync_manager_handle::destroyMemory(const char* name) {
 }
 
 void os_sync_manager_handle::serve(const MemoryRequest& request) {
-    if (request.operation == kCreateRequest && request.size != 0 && !request.name.empty())
+    if (request.operation == kCreateRequest && request.size != 0 && mayCreate(request.name))
         createMemory(request.name.c_str(), request.size);
     else if (request.operation == kDestroyRequest && !request.name.empty())
         destroyMemory(request.name.c_str());

@@ -1,6 +1,7 @@
 // The sync manager (its names, a second manager, client mode, how it serves
 // requests), the named-object protocol every named kind follows, and the
 // robust lock's report.
+#include <fcntl.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -111,6 +112,18 @@ TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
         EXPECT_EQ(segmentSize(served), 64) << "operation " << request.operation << " on '" << request.name << "'";
     }
     EXPECT_EQ(segmentSize(sizeless), -1);
+    // A create must not take over the channel memory or a named semaphore's
+    // file: one request would break the channel or another program.
+    const std::string semaphore = name("semaphore");
+    sem_t* other = sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 3);
+    for (const std::string& taken : {std::string(kChannelMemoryName), "//" + std::string(kChannelMemoryName),
+                                     "sem." + semaphore})
+        EXPECT_TRUE(ask(kCreateRequest, taken, 16)) << taken;
+    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+    int value = 0;
+    EXPECT_TRUE(sem_getvalue(other, &value) == 0 && value == 3);
+    sem_close(other);
+    sem_unlink(semaphore.c_str());
     ASSERT_TRUE(ask(kDestroyRequest, served));
     EXPECT_EQ(segmentSize(served), -1);
     stopManager();

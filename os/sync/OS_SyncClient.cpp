@@ -81,7 +81,13 @@ bool waitForAnswer(sem_t* semaphore) {
     os_clock_monotonic_to_realtime(&now, &deadline);
     deadline.tv_nsec += kAnswerTimeoutNanoseconds;
     os_clock_adjust_clock_time(&deadline);
-    return sem_timedwait(semaphore, &deadline) == 0;
+    // A signal (an interval timer of the caller's, even with SA_RESTART)
+    // ends sem_timedwait early; the answer may still come before the
+    // deadline, and a create given up for nothing leaves an unusable handle.
+    int result;
+    while ((result = sem_timedwait(semaphore, &deadline)) != 0 && errno == EINTR) {
+    }
+    return result == 0;
 }
 
 } // namespace sync

@@ -7,8 +7,11 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "SyncTestSupport.h"
 #include "os/sync/SyncInternal.h"
@@ -171,6 +174,27 @@ int lockValue() {
     sem_getvalue(lock, &value);
     sem_close(lock);
     return value;
+}
+
+TEST(AnswerWait, OutlastsSignals) {
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
+    sigaction(SIGUSR1, &action, &previous);
+    sem_t answer;
+    sem_init(&answer, 0, 0);
+    std::atomic<bool> answered{false};
+    std::thread waiter([&] { answered = waitForAnswer(&answer); });
+    for (int i = 0; i < 5; ++i) {
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    sem_post(&answer);
+    waiter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    sem_destroy(&answer);
+    EXPECT_TRUE(answered);
 }
 
 // A manager that does not answer: the process running it is stopped.

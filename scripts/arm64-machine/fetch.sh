@@ -51,7 +51,7 @@ host_sources() {
   done
 }
 host_archive() { # host_archive <release>: the first archive the host names for it
-  host_sources | awk -v release="$1" '$1 == release { sub("/+$", "", $2); print $2; exit }'
+  host_sources | awk -v release="$1" '!found && $1 == release { sub("/+$", "", $2); print $2; found = 1 }'
 }
 mirror=${KORVANE_ARM64_MIRROR:-$(host_archive "$suite")}
 security=${KORVANE_ARM64_SECURITY_MIRROR:-$(host_archive "$suite-security")}

@@ -84,8 +84,7 @@ struct Channel {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Channel channel;
     channel.send(data, size);
-    FUZZ_CHECK(sizeOf(KORVANE_SYNC_CHANNEL_MEMORY) == korvane::layout::kChannelMemorySize);
-    FUZZ_CHECK(valueOf(channel.bystander) == 3);
+    FUZZ_CHECK(sizeOf(KORVANE_SYNC_CHANNEL_MEMORY) == korvane::layout::kChannelMemorySize && valueOf(channel.bystander) == 3);
     for (const std::string& name : kUntouched)
         FUZZ_CHECK(sizeOf(name) >= 0);
     // A create request's memory is removed by a destroy request with its name.

@@ -77,6 +77,7 @@ mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,usr/libexec,lib,etc/korvane,proc,sys
 ln -s lib "$root/lib64"
 ln -s ../lib "$root/usr/lib"
 cp "$helpers/init" "$root/init"
+install -m 755 tests/support/private-shm.sh "$root/usr/libexec/korvane-private-shm"
 cp "$cache/busybox" "$root/bin/busybox"
 chmod 755 "$root/init" "$root/bin/busybox"
 

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # The whole test suite: GCC natively, Clang with AddressSanitizer and
-# UndefinedBehaviorSanitizer, a minute of the chaos run, and the aarch64 cross build under qemu-aarch64
-# and again on a real arm64 kernel in an emulated machine; then installation
-# into a temporary prefix with two out-of-tree consumers and the examples, the
-# HTML reference (undocumented public names fail it), the Debian packages
-# of both architectures, and a build of the benchmarks. Every step runs even
+# UndefinedBehaviorSanitizer, Clang with ThreadSanitizer, each fuzz target
+# for a bounded spell, a minute of the chaos run, and the aarch64 cross build
+# under qemu-aarch64 and again on a real arm64 kernel in an emulated machine;
+# then installation into a temporary prefix with two out-of-tree consumers and
+# the examples, the HTML reference (undocumented public names fail it), the
+# Debian packages of both architectures, a build of the benchmarks, and a
+# check that no script names a host. Every test runs with its own private
+# /dev/shm, so a sync manager running on the machine changes nothing. Every step runs even
 # when an earlier one failed; the exit status is non-zero when any failed.
 #   scripts/test.sh [STEP...]   runs the named steps, all of them when none is named
 set -uo pipefail
@@ -60,6 +63,25 @@ run_arm64_machine() {
     "$(sed -nE 's/^arm64 machine: (passed|FAILED): //p' "$log" | tail -1)"
 }
 
+# Each fuzz target for KORVANE_FUZZ_SECONDS (20) from its seeds; the
+# executions reached are kept in the step's line.
+run_fuzz() {
+  local log=build/fuzz-step.log status=0
+  echo "=== fuzz: each target for ${KORVANE_FUZZ_SECONDS:-20}s"
+  : >"$log"
+  for source in fuzz/*.cpp; do
+    target=$(basename "$source" .cpp)
+    scripts/fuzz.sh "$target" "${KORVANE_FUZZ_SECONDS:-20}" | tee -a "$log" || status=1
+  done
+  record fuzz "$status" "$(sed -nE 's/^fuzz ([a-z_]+): ([0-9]+) executions.*/\1 \2/p' "$log" | paste -sd ' ')"
+}
+
+# Package hosts and mirrors come from the machine's own configuration; no
+# script names one.
+check_no_hosts() {
+  ! git ls-files -z scripts .ci | xargs -0 grep -nE 'https?://'
+}
+
 # The steps, in the order a full run takes them: step <name> <command>...
 declare -A step_command
 all_steps=()
@@ -72,11 +94,14 @@ step install  run_check scripts/check-install.sh build/native
 # The HTML reference, failing on any undocumented public name.
 step docs     run_check bash -c "'cmake --preset native -DKORVANE_DOCS_STRICT=ON >/dev/null && cmake --build --preset native --target docs'"
 step sanitize run_workflow sanitize
+step tsan     run_workflow tsan
+step fuzz     run_fuzz
 step aarch64  run_workflow aarch64
 step arm64-vm run_arm64_machine
 step packages run_check bash -c "'scripts/check-packages.sh build/native amd64 && scripts/check-packages.sh build/aarch64 arm64'"
 # The benchmarks are built (not run) so they cannot rot unnoticed.
 step bench    run_workflow bench
+step no-hosts run_check check_no_hosts
 
 requested=("$@")
 [ ${#requested[@]} -eq 0 ] && requested=("${all_steps[@]}")

@@ -35,6 +35,7 @@ public:
 private:
     bool openSegment(const char* name, int flags);
     bool map(uint32_t size);
+    bool reserve(uint32_t size);
     void closeDescriptor();
 
     int32_t m_fd = -1;
@@ -83,6 +84,13 @@ bool sharememory_handle::map(uint32_t size) {
     return m_buffer != MAP_FAILED;
 }
 
+bool sharememory_handle::reserve(uint32_t size) {
+    const int result = size == 0 ? 0 : posix_fallocate(m_fd, 0, size);
+    if (result != 0)
+        errno = result;
+    return result == 0;
+}
+
 void sharememory_handle::closeDescriptor() {
     if (m_fd != -1) {
         PreserveErrno keep;
@@ -96,7 +104,10 @@ bool sharememory_handle::sharememory_create(const char* name, unsigned int size)
         return false;
     // A failed create never removes the name: a segment made here stays,
     // possibly resized. Existing callers rely on this; keep it.
-    const bool mapped = ftruncate(m_fd, size) == 0 && map(size);
+    // The pages are reserved before they are touched: where the memory
+    // cannot hold the size asked for, the create fails here instead of the
+    // first write into the mapping raising SIGBUS.
+    const bool mapped = ftruncate(m_fd, size) == 0 && reserve(size) && map(size);
     if (mapped)
         std::memset(m_buffer, 0, size); // creating always resets the contents
     closeDescriptor();

@@ -17,23 +17,60 @@ userland_packages=(dash coreutils mawk psmisc grep sed findutils
 stamp="kernel busybox-static ${userland_packages[*]}"
 [ "$(cat "$cache/complete" 2>/dev/null)" = "$stamp" ] && exit 0
 
-# The same release as the host unless told otherwise; the mirrors can be
-# pointed elsewhere for machines behind their own.
+# The same release as the host unless told otherwise, from the archive the
+# host's own apt fetches it from: its sources are read as apt reads them
+# (sources.list and sources.list.d's one-line .list files and deb822 .sources
+# files, with their Enabled fields). The variables point elsewhere where the
+# host's sources do not name the release.
 . /etc/os-release
 suite=${KORVANE_ARM64_SUITE:-${VERSION_CODENAME:-bookworm}}
-mirror=${KORVANE_ARM64_MIRROR:-http://deb.debian.org/debian}
-security=${KORVANE_ARM64_SECURITY_MIRROR:-http://deb.debian.org/debian-security}
+eval "$(apt-config shell source_list Dir::Etc::sourcelist/f source_parts Dir::Etc::sourceparts/d)"
+# Prints "<release> <archive>" for every binary-package source of the host.
+host_sources() {
+  local file
+  for file in "$source_list" "$source_parts"*.list; do
+    [ -f "$file" ] && sed -e 's/#.*//' -e 's/\[[^]]*\]//' "$file" | awk '$1 == "deb" { print $3, $2 }'
+  done
+  for file in "$source_parts"*.sources; do
+    [ -f "$file" ] || continue
+    # Stanzas are separated by blank lines (a comment line is not one); a
+    # field may continue on lines that start with white space.
+    sed -e '/^[[:space:]]*#/d' -e 's/#.*//' "$file" | awk '
+      function flush(  i, j, n, m, u, r) {
+        if (types ~ /(^| )deb( |$)/ && tolower(enabled) != "no") {
+          n = split(uris, u, " "); m = split(suites, r, " ")
+          for (i = 1; i <= n; i++) for (j = 1; j <= m; j++) print r[j], u[i]
+        }
+        types = uris = suites = enabled = field = ""; delete value
+      }
+      /^[ \t]*$/ { flush(); next }
+      /^[ \t]/ { value[field] = value[field] " " $0 }
+      /^[^ \t]/ { field = tolower(substr($0, 1, index($0, ":") - 1)); value[field] = substr($0, index($0, ":") + 1) }
+      { types = value["types"]; uris = value["uris"]; suites = value["suites"]; enabled = value["enabled"]; gsub(/^[ \t]+|[ \t]+$/, "", enabled) }
+      END { flush() }'
+  done
+}
+host_archive() { # host_archive <release>: the first archive the host names for it
+  host_sources | awk -v release="$1" '!found && $1 == release { sub("/+$", "", $2); print $2; found = 1 }'
+}
+mirror=${KORVANE_ARM64_MIRROR:-$(host_archive "$suite")}
+security=${KORVANE_ARM64_SECURITY_MIRROR:-$(host_archive "$suite-security")}
+[ -n "$mirror" ] || {
+  echo "arm64 machine: the host's apt sources name no archive for $suite (set KORVANE_ARM64_MIRROR)" >&2
+  exit 1
+}
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 
 apt_dir=$cache/apt
 rm -f "$cache/complete"
 mkdir -p "$apt_dir"/lists/partial "$apt_dir"/archives/partial "$apt_dir"/sources.list.d
 : >"$apt_dir/status"
-cat >"$apt_dir/sources.list" <<SOURCES
-deb [arch=arm64 signed-by=$keyring] $mirror $suite main
-deb [arch=arm64 signed-by=$keyring] $mirror $suite-updates main
-deb [arch=arm64 signed-by=$keyring] $security $suite-security main
-SOURCES
+{
+  echo "deb [arch=arm64 signed-by=$keyring] $mirror $suite main"
+  echo "deb [arch=arm64 signed-by=$keyring] $mirror $suite-updates main"
+  # Without a security archive the release's own packages still do.
+  [ -z "$security" ] || echo "deb [arch=arm64 signed-by=$keyring] $security $suite-security main"
+} >"$apt_dir/sources.list"
 
 apt_options=(
   -o "APT::Architecture=arm64" -o "APT::Architectures::=arm64"

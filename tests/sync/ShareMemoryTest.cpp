@@ -2,6 +2,7 @@
 // exists, close unlinks only when asked, destroy and failures never unlink.
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,6 +69,13 @@ TEST(ShareMemory, FailuresGiveNullAndNeverUnlinkAndPageLockingIsOptional) {
     for (const char* bad : {static_cast<const char*>(nullptr), "with/slash"}) {
         EXPECT_EQ(os_sharememory_create(bad, 16), nullptr);
         EXPECT_EQ(os_sharememory_open(bad), nullptr);
+    }
+    // A size the folder cannot hold fails here, not as SIGBUS on first use
+    // (where the folder holds 4 GiB, no 32-bit size is too big).
+    struct statvfs folder;
+    const ScopedName huge;
+    if (statvfs("/dev/shm", &folder) == 0 && uint64_t{folder.f_blocks} * folder.f_frsize < UINT32_MAX - 4096) {
+        EXPECT_EQ(os_sharememory_create(huge.name.c_str(), folder.f_blocks * folder.f_frsize + 4096), nullptr);
     }
     EXPECT_EQ(os_sharememory_get_buffer(nullptr), nullptr);
     os_sharememory_close(nullptr, true);

@@ -1,13 +1,17 @@
 // The sync manager (its names, a second manager, client mode, how it serves
 // requests), the named-object protocol every named kind follows, and the
 // robust lock's report.
+#include <fcntl.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "SyncTestSupport.h"
 #include "os/sync/SyncInternal.h"
@@ -111,6 +115,18 @@ TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
         EXPECT_EQ(segmentSize(served), 64) << "operation " << request.operation << " on '" << request.name << "'";
     }
     EXPECT_EQ(segmentSize(sizeless), -1);
+    // A create must not take over the channel memory or a named semaphore's
+    // file: one request would break the channel or another program.
+    const std::string semaphore = name("semaphore");
+    sem_t* other = sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 3);
+    for (const std::string& taken : {std::string(kChannelMemoryName), "//" + std::string(kChannelMemoryName),
+                                     "sem." + semaphore})
+        EXPECT_TRUE(ask(kCreateRequest, taken, 16)) << taken;
+    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+    int value = 0;
+    EXPECT_TRUE(sem_getvalue(other, &value) == 0 && value == 3);
+    sem_close(other);
+    sem_unlink(semaphore.c_str());
     ASSERT_TRUE(ask(kDestroyRequest, served));
     EXPECT_EQ(segmentSize(served), -1);
     stopManager();
@@ -157,6 +173,27 @@ int lockValue() {
     sem_getvalue(lock, &value);
     sem_close(lock);
     return value;
+}
+
+TEST(AnswerWait, OutlastsSignals) {
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
+    sigaction(SIGUSR1, &action, &previous);
+    sem_t answer;
+    sem_init(&answer, 0, 0);
+    std::atomic<bool> answered{false};
+    std::thread waiter([&] { answered = waitForAnswer(&answer); });
+    for (int i = 0; i < 5; ++i) {
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    sem_post(&answer);
+    waiter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    sem_destroy(&answer);
+    EXPECT_TRUE(answered);
 }
 
 // A manager that does not answer: the process running it is stopped.

@@ -30,5 +30,7 @@ check libkorvane-dev include/korvane/korvane.h include/korvane/sync.h lib/cmake/
   lib/pkgconfig/korvane.pc
 check korvane-tools bin/korvane-syncd bin/korvane-shm lib/systemd/system/korvane-syncd.service
 unit=$(dpkg-deb --fsys-tarfile "$out"/korvane-tools_*_"${arch}".deb | tar -xO ./usr/lib/systemd/system/korvane-syncd.service)
-grep -qx 'ExecStart=/usr/bin/korvane-syncd' <<<"$unit" || { echo "packages: the unit does not start /usr/bin/korvane-syncd"; exit 1; }
+grep -qE "^ExecStart=/usr/bin/korvane-syncd( |$)" <<<"$unit" || { echo "packages: the unit does not start /usr/bin/korvane-syncd"; exit 1; }
 echo "packages: systemd unit starts /usr/bin/korvane-syncd"
+dpkg-deb --info "$out"/korvane-tools_*_"${arch}".deb postinst | grep -q 'systemd-sysusers korvane.conf' ||
+  { echo "packages: korvane-tools does not make the service's group on installation"; exit 1; }

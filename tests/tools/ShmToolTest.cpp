@@ -48,7 +48,7 @@ TEST(KorvaneShm, StatusTellsNoChannelAStaleOneAnAnsweringManagerAndNoAccess) {
                          "{\"manager\":\"answering\",\"pids\":[" + pid + "],\"channel\":[{\"name\":"));
     // A user outside the service's group is told why it cannot use the channel.
     result = runTool("korvane-shm", {"status"}, kvtest::kDefaultTimeout, true);
-    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.exitCode, 1) << result.err;
     EXPECT_TRUE(contains(result.out, "sync manager: present, not accessible")) << result.out;
     EXPECT_NE(runTool("korvane-shm", {"reclaim"}, kvtest::kDefaultTimeout, true).exitCode, 0);
     EXPECT_EQ(syncd.stop(SIGTERM).exitCode, 0);

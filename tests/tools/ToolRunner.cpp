@@ -47,8 +47,14 @@ pid_t spawnTool(const std::string& tool, const std::vector<std::string>& argumen
     const pid_t pid = fork();
     if (pid == 0) {
         const bool nobody = !asNobody || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
-        if (nobody && dup2(outPipe[1], STDOUT_FILENO) >= 0 && dup2(errPipe[1], STDERR_FILENO) >= 0)
+        if (dup2(outPipe[1], STDOUT_FILENO) >= 0 && dup2(errPipe[1], STDERR_FILENO) >= 0 && nobody)
             execv(argv[0], argv.data());
+        // Say why on the tool's error stream, so a failure to start is told
+        // apart from the tool's own status 127.
+        char reason[] = "tool runner: cannot start the tool (errno ...)\n";
+        for (int digit = 2, value = errno; digit >= 0; --digit, value /= 10)
+            reason[sizeof reason - 6 + digit] = static_cast<char>('0' + value % 10);
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, sizeof reason - 1);
         _exit(127);
     }
     close(outPipe[1]);

@@ -36,6 +36,10 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Korvane headers, CMake package and 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME korvane-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkorvane (= ${PROJECT_VERSION})")
+# The service's group is made on installation (cpack names the control file
+# after the file).
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/tools/package/postinst)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Korvane sync manager service (korvane-syncd) and korvane-shm")
 
 include(CPack)

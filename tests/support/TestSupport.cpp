@@ -149,8 +149,12 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     nftw(
         m_path.c_str(),
-        [](const char* path, const struct stat*, int, struct FTW*) {
-            chmod(path, 0700); // so a test that removed permissions cannot leave debris
+        [](const char* path, const struct stat*, int type, struct FTW*) {
+            // So a test that removed permissions cannot leave debris. Never
+            // through a link: chmod follows it, and a link to /bin/sh made
+            // the machine's shell root's alone.
+            if (type != FTW_SL && type != FTW_SLN)
+                chmod(path, 0700);
             return remove(path);
         },
         16, FTW_DEPTH | FTW_PHYS);

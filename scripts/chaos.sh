@@ -35,11 +35,18 @@ if "$shm" --help 2>&1 | grep -qw reclaim; then reclaim=1; fi
 echo "chaos: seed $seed"
 run=(sh -c 'mount -t tmpfs -o size=64m tmpfs /dev/shm && exec "$@"' chaos
      "$program" "$syncd" "$shm" "$seconds" "$workers" "$hardening" "$reclaim" "$seed")
+# The manager's service lock lives in a folder of this run, so a
+# korvane-syncd running on the machine does not keep this run's from starting.
+runtime=$(mktemp -d)
+trap 'rm -rf "$runtime"' EXIT
+export KORVANE_RUNTIME_DIR=$runtime
 # Without root, a user namespace maps the caller to root inside it.
 if unshare --ipc --mount true 2>/dev/null; then
-  exec unshare --ipc --mount "${run[@]}"
+  unshare --ipc --mount "${run[@]}"
+  exit
 elif unshare --user --map-root-user --ipc --mount true 2>/dev/null; then
-  exec unshare --user --map-root-user --ipc --mount "${run[@]}"
+  unshare --user --map-root-user --ipc --mount "${run[@]}"
+  exit
 fi
 echo "chaos: no private IPC and mount namespace can be made here; not run" >&2
 exit 1

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace kvtest {
 
@@ -63,7 +64,7 @@ bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status) {
     return !reaped;
 }
 
-Child::Child(std::function<int()> body, bool captureStdout) : m_output(captureStdout ? openCaptureFile() : nullptr) {
+Child::Child(std::function<int()> body, bool capture) : m_output(capture ? openCaptureFile() : nullptr) {
     fflush(nullptr);
     m_pid = fork();
     if (m_pid < 0)
@@ -86,11 +87,9 @@ ChildResult Child::wait(std::chrono::milliseconds timeout) {
     if (m_pid <= 0)
         return result;
     int status = 0;
-    result.timedOut = reapWithin(m_pid, timeout, status);
-    m_pid = -1;
-    if (m_output != nullptr)
-        result.output = readBack(m_output);
-    m_output = nullptr;
+    result.timedOut = reapWithin(std::exchange(m_pid, -1), timeout, status);
+    if (FILE* output = std::exchange(m_output, nullptr))
+        result.output = readBack(output);
     result.exited = WIFEXITED(status);
     result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;

@@ -1,18 +1,19 @@
 #include "TestSupport.h"
 
-#include <dirent.h>
-#include <ftw.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace kvtest {
 
@@ -50,21 +51,20 @@ std::string readAll(int fd) {
 
 bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status) {
     status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid || (done < 0 && errno != EINTR))
-            return false;
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return true;
-        }
-        std::this_thread::sleep_for(1ms);
+    const bool reaped = eventually(
+        [&] {
+            const pid_t done = waitpid(pid, &status, WNOHANG);
+            return done == pid || (done < 0 && errno != EINTR);
+        },
+        timeout);
+    if (!reaped) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
     }
+    return !reaped;
 }
 
-Child::Child(std::function<int()> body, bool captureStdout) : m_output(captureStdout ? openCaptureFile() : nullptr) {
+Child::Child(std::function<int()> body, bool capture) : m_output(capture ? openCaptureFile() : nullptr) {
     fflush(nullptr);
     m_pid = fork();
     if (m_pid < 0)
@@ -82,21 +82,14 @@ Child::Child(std::function<int()> body, bool captureStdout) : m_output(captureSt
     }
 }
 
-Child::~Child() {
-    if (m_pid > 0)
-        wait(0ms);
-}
-
 ChildResult Child::wait(std::chrono::milliseconds timeout) {
     ChildResult result;
     if (m_pid <= 0)
         return result;
     int status = 0;
-    result.timedOut = reapWithin(m_pid, timeout, status);
-    m_pid = -1;
-    if (m_output != nullptr)
-        result.output = readBack(m_output);
-    m_output = nullptr;
+    result.timedOut = reapWithin(std::exchange(m_pid, -1), timeout, status);
+    if (FILE* output = std::exchange(m_output, nullptr))
+        result.output = readBack(output);
     result.exited = WIFEXITED(status);
     result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
@@ -118,12 +111,10 @@ std::string uniqueName(const std::string& tag) {
 
 std::vector<std::string> shmEntriesContaining(const std::string& fragment) {
     std::vector<std::string> names;
-    if (DIR* dir = opendir("/dev/shm")) {
-        while (dirent* entry = readdir(dir)) {
-            if (std::string(entry->d_name).find(fragment) != std::string::npos)
-                names.emplace_back(entry->d_name);
-        }
-        closedir(dir);
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+        if (std::string name = entry.path().filename(); name.find(fragment) != std::string::npos)
+            names.push_back(std::move(name));
     }
     return names;
 }
@@ -139,25 +130,16 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 TempDir::TempDir() {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/korvane-test-XXXXXX";
+    std::string pattern = std::filesystem::temp_directory_path() / "korvane-test-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
     m_path = pattern;
 }
 
+// Links are removed, never followed.
 TempDir::~TempDir() {
-    nftw(
-        m_path.c_str(),
-        [](const char* path, const struct stat*, int type, struct FTW*) {
-            // So a test that removed permissions cannot leave debris. Never
-            // through a link: chmod follows it, and a link to /bin/sh made
-            // the machine's shell root's alone.
-            if (type != FTW_SL && type != FTW_SLN)
-                chmod(path, 0700);
-            return remove(path);
-        },
-        16, FTW_DEPTH | FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
 }
 
 std::string captureStdout(const std::function<void()>& body) {
@@ -166,19 +148,20 @@ std::string captureStdout(const std::function<void()>& body) {
     const int saved = dup(STDOUT_FILENO);
     dup2(fileno(output), STDOUT_FILENO);
     // Restores stdout on every way out of the body, exceptions included.
-    struct Restore {
-        int saved;
-        ~Restore() {
-            fflush(stdout);
-            dup2(saved, STDOUT_FILENO);
-            close(saved);
-        }
-    };
-    {
-        const Restore restore{saved};
-        body();
-    }
+    std::unique_ptr<const int, void (*)(const int*)> restore(&saved, [](const int* fd) {
+        fflush(stdout);
+        dup2(*fd, STDOUT_FILENO);
+        close(*fd);
+    });
+    body();
+    restore.reset();
     return readBack(output);
+}
+
+std::string fileText(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
 }
 
 } // namespace kvtest

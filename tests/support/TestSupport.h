@@ -35,7 +35,7 @@ public:
     explicit Child(std::function<int()> body, bool captureStdout = false);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
-    ~Child(); // kills and reaps a child that is still running
+    ~Child() { wait(0ms); } // kills and reaps a child that is still running
 
     pid_t pid() const { return m_pid; }
     // Waits at most `timeout`, then kills the child with SIGKILL.
@@ -83,14 +83,8 @@ private:
 // Runs `body` with stdout redirected and returns what it printed.
 std::string captureStdout(const std::function<void()>& body);
 
-// What the test programs' system() saw: the commands in order; in a dry run
-// none is run and each is answered with `status`.
-struct ShellRecord {
-    std::vector<std::string> commands;
-    bool dryRun = false;
-    int status = 0;
-};
-ShellRecord& shell();
+// The whole content of the file at `path` ("" when it cannot be read).
+std::string fileText(const std::string& path);
 
 } // namespace kvtest
 

@@ -1,5 +1,6 @@
 // Socket helpers over a real local stream connection. What the bool functions
 // give for a bad descriptor is checked with their results (tests/abi).
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -50,6 +51,10 @@ TEST(Socket, ReadinessLinkStateAndTimeOuts) {
     char received[4];
     EXPECT_EQ(recv(pair.near, received, sizeof received, MSG_DONTWAIT), 3);
     EXPECT_TRUE(os_socket_is_link_broken(pair.near));
+    ASSERT_EQ(fcntl(pair.near, F_SETFL, O_NONBLOCK), 0);
+    for (char block[4096] = {}; write(pair.near, block, sizeof block) > 0;) {
+    }
+    EXPECT_FALSE(os_socket_writable(pair.near, 30, &error)); // full
     const int closed = dup(pair.far);
     EXPECT_EQ(os_socket_close(closed), 0); // now a number that is no descriptor: select fails
     for (auto ready : {os_socket_readable, os_socket_writable}) {

@@ -71,9 +71,10 @@ TEST(CppFiles, WalkCallsTheCallableForEveryEntryAndLibrariesLoadOrAreEmpty) {
     kvtest::TempDir root;
     ASSERT_TRUE(os_folder_create((root / "top/sub").c_str()));
     ASSERT_TRUE(os_file_create((root / "top/sub/f").c_str()));
-    std::set<std::pair<std::string, bool>> seen;
-    korvane::walk(root.path(), "top", [&](const korvane::WalkEntry& entry) { seen.emplace(entry.path, entry.folder); });
-    EXPECT_EQ(seen, (std::set<std::pair<std::string, bool>>{{"top", true}, {"top/sub", true}, {"top/sub/f", false}}));
+    using Seen = std::set<std::pair<std::string, bool>>; // path, and whether a folder
+    Seen seen;
+    korvane::walk(root.path(), "top", [&](const korvane::WalkEntry& at) { seen.emplace(at.path, at.folder); });
+    EXPECT_EQ(seen, (Seen{{"top", true}, {"top/sub", true}, {"top/sub/f", false}}));
     auto libc = korvane::Library::load("libc.so.6");
     ASSERT_TRUE(libc);
     EXPECT_EQ(libc->symbol<size_t(const char*)>("strlen")("four"), 4u);

@@ -18,7 +18,8 @@ namespace iotest {
 class PseudoTerminal {
 public:
     PseudoTerminal() : m_master(posix_openpt(O_RDWR | O_NOCTTY)) {
-        if (m_master < 0 || grantpt(m_master) || unlockpt(m_master) || ptsname_r(m_master, m_slave, sizeof m_slave))
+        if (m_master < 0 || grantpt(m_master) != 0 || unlockpt(m_master) != 0 ||
+            ptsname_r(m_master, m_slave, sizeof m_slave) != 0)
             throw std::runtime_error("no pseudo-terminal");
     }
     ~PseudoTerminal() { close(m_master); }

@@ -91,9 +91,13 @@ TEST_P(SerialFrames, ReadDeliversOneFrame) {
 INSTANTIATE_TEST_SUITE_P(Table, SerialFrames, ::testing::ValuesIn(kFrames),
                          [](const ::testing::TestParamInfo<FrameCase>& info) { return info.param.name; });
 
-// An abandoned attempt may still have reached the line, so each attempt marks
-// its frame: the far end must end with the frame that was reported written.
-TEST_F(SerialLine, WrittenFrameArrivesRaw) {
+// An abandoned write attempt may still have reached the line, so each
+// attempt marks its frame: the far end must end with the frame reported
+// written. A hung-up line stays readable to select but never gives data
+// again: the read must end, not spin; it runs in a child so a spinning read
+// fails the test instead of hanging it.
+TEST_F(SerialLine, WriteSelectPurgeHangUpAndClose) {
+    const int port = m_port.native_handle();
     std::string frame = "\xAA-\n\r\x11\x13\x7F\xFF";
     const int written = retried([&](int attempt) {
         frame[1] = static_cast<char>(attempt);
@@ -103,23 +107,6 @@ TEST_F(SerialLine, WrittenFrameArrivesRaw) {
     const std::string received = m_line.receive(300);
     ASSERT_GE(received.size(), 8u);
     EXPECT_EQ(received.substr(received.size() - 8), frame);
-}
-
-// A hung-up line stays readable to select but never gives data again: the
-// read must end, not spin. It runs in a child so a spinning read fails the
-// test instead of hanging it.
-TEST_F(SerialLine, ReadEndsWhenTheFarEndHangsUp) {
-    ASSERT_TRUE(m_line.send("\xAA"));
-    m_line.hangUp();
-    const auto read = [&] { return int(m_port.read_frame(8, kHeader, 50).value_or("").size()); };
-    const kvtest::ChildResult child = kvtest::runInChild(read, std::chrono::seconds(10));
-    EXPECT_FALSE(child.timedOut) << "the read kept waiting on a line that hung up";
-    EXPECT_EQ(child.exitCode, 0);
-}
-
-TEST_F(SerialLine, SelectPurgeCloseAndBadArguments) {
-    const int port = m_port.native_handle();
-    EXPECT_FALSE(os_serial_select(port, 20));
     ASSERT_TRUE(m_line.send("12"));
     EXPECT_TRUE(os_serial_select(port, 2000));
     EXPECT_EQ(os_serial_purge(port, 0), -1); // no queue named: the platform refuses
@@ -132,6 +119,12 @@ TEST_F(SerialLine, SelectPurgeCloseAndBadArguments) {
     EXPECT_EQ(os_serial_read(port, buffer, 2, buffer, 3, 10), -1);
     EXPECT_EQ(os_serial_read(port, nullptr, 8, nullptr, 0, 10), -1);
     EXPECT_EQ(os_serial_write(port, nullptr, 1), -1);
+    ASSERT_TRUE(m_line.send("\xAA"));
+    m_line.hangUp();
+    const auto read = [&] { return int(m_port.read_frame(8, kHeader, 50).value_or("").size()); };
+    const kvtest::ChildResult child = kvtest::runInChild(read, std::chrono::seconds(10));
+    EXPECT_FALSE(child.timedOut) << "the read kept waiting on a line that hung up";
+    EXPECT_EQ(child.exitCode, 0);
     int copy = dup(port);
     os_serial_close(&copy);
     os_serial_close(nullptr);

@@ -11,11 +11,11 @@ using CppLocks = kvtest::SyncTest;
 // The last owner of a named mutex, whoever it was moved to, removes its
 // memory. Without a sync manager a named mutex is unusable: its lock throws
 // rather than return without the lock.
-TEST_F(CppLocks, MovesHandOverTheHandleAndTheLastOwnerRemovesTheNamedMemory) {
+TEST_F(CppLocks, MovesHandOverTheHandleAndUnusableNamedMutexesThrow) {
     const std::string mutexName = name("moved");
     auto mutex = kvtest::openMapped(mutexName, [&] { return std::make_unique<korvane::Mutex>(mutexName); });
     EXPECT_TRUE(mutex->usable());
-    std::lock_guard<korvane::Mutex>{*mutex};
+    std::lock_guard<korvane::Mutex>{*mutex}; // a usable one locks without throwing
     korvane::Mutex moved(std::move(*mutex));
     EXPECT_EQ(mutex->native_handle(), nullptr);
     moved = korvane::Mutex();

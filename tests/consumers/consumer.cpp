@@ -1,15 +1,16 @@
-// A first program against an installed libKorvane, through the C++ layer
-// (which includes the flat headers): the same source is built once through
-// find_package(Korvane) and once through pkg-config.
-#include <korvane/korvane.hpp>
+// A first program against an installed libKorvane, through the flat
+// interface (the C++ layer has the examples): the same source is built once
+// through find_package(Korvane) and once through pkg-config.
+#include <korvane/korvane.h>
 
 #include <cstdio>
 
 int main() {
-    const korvane::Variant text("42");
-    const std::optional<int> value = text.try_get<int>();
-    std::printf("consumer: \"%s\" as int is %d\n", text.to_string().c_str(), value.value_or(-1));
-    korvane::Mutex mutex;
-    std::lock_guard<korvane::Mutex> hold(mutex);
-    return value == 42 ? 0 : 1;
+    tagTVARIANT value;
+    variant_init(&value);
+    variant_set_string(&value, "42", true);
+    const bool converted = variant_change_type(&value, TVT_INT);
+    std::printf("consumer: \"42\" as int is %d\n", value.value.intVal);
+    variant_clear(&value);
+    return converted && value.vt == TVT_EMPTY ? 0 : 1;
 }

@@ -1,8 +1,13 @@
-// Value semantics of Variant, BStr and SafeArray.
+// Value semantics of Variant, BStr and SafeArray; results given back as
+// strings and optionals; the walk's callable and the library owner.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <korvane/korvane.hpp>
 #include <numeric>
+#include <set>
+
+#include "TestSupport.h"
 
 using korvane::Variant;
 
@@ -17,7 +22,8 @@ TEST(CppVariant, EachScalarTypeGetsItsOwnTag) {
         EXPECT_EQ(value.type(), tag);
 }
 
-TEST(CppVariant, CopiesAreDeepAndMovesLeaveEmpty) {
+// try_get converts a copy, and is empty where the conversion is refused.
+TEST(CppVariant, CopiesAreDeepMovesLeaveEmptyAndConversionsAreOptional) {
     Variant text("forty-two");
     Variant copy = text;
     text = Variant(7);
@@ -25,36 +31,52 @@ TEST(CppVariant, CopiesAreDeepAndMovesLeaveEmpty) {
     EXPECT_EQ(copy.type(), TVT_EMPTY);
     copy = std::move(moved);
     EXPECT_EQ(copy.to_string(), "forty-two");
-}
-
-TEST(CppVariant, TryGetConvertsACopyOrIsEmpty) {
     const Variant hex("0x2A");
     EXPECT_EQ(hex.try_get<int>(), 42);
-    EXPECT_EQ(Variant(-4886718345ll).try_get<bool>(), std::nullopt); // a refused pair
+    EXPECT_EQ(Variant(-4886718345ll).try_get<bool>(), std::nullopt);
 }
 
-TEST(CppVariantWrapper, ClonesOwnTheirValueAndReferencesAreGivenBack) {
-    korvane::VariantWrapper original;
-    original.bind_copy(Variant(5));
-    const korvane::VariantWrapper clone = original.clone();
-    original = korvane::VariantWrapper();
-    EXPECT_EQ(clone.type(), "int");
-    auto reader = clone.reader();
+TEST(CppVariantWrapper, ReferencesAreGivenBackByTheirOwners) {
+    korvane::VariantWrapper wrapper;
+    wrapper.bind_copy(Variant(5));
+    EXPECT_EQ(wrapper.clone().type(), "int");
+    auto reader = wrapper.reader();
     EXPECT_EQ(reader->addRef(), 3); // the wrapper's, this Ref's and this call's
     reader->releaseRef();
 }
 
-TEST(CppBStr, ConvertsToAndFromStringViewKeepingInnerNuls) {
+TEST(CppBStrAndSafeArray, KeepInnerNulsAndCheckTheirIndex) {
     korvane::BStr text;
     EXPECT_FALSE(text.has_value());
     text = std::string_view("a\0b", 3);
     EXPECT_EQ(std::string_view(text), std::string_view("a\0b", 3));
-}
-
-TEST(CppSafeArray, TypedCheckedAndIterable) {
     korvane::SafeArray<double> values(3);
     for (uint32_t i = 0; i < values.size(); ++i)
         EXPECT_TRUE(values.set(i, i + 0.5));
     EXPECT_EQ(std::accumulate(values.begin(), values.end(), 0.0), 4.5);
     EXPECT_THROW(values.at(3), std::out_of_range);
+}
+
+TEST(CppProcesses, TextResultsComeBackWholeOrEmpty) {
+    const std::string longValue(1000, 'v');
+    setenv("KORVANE_CPP_TEST", longValue.c_str(), 1);
+    EXPECT_EQ(korvane::environment_variable("KORVANE_CPP_TEST"), longValue);
+    EXPECT_EQ(korvane::environment_variable("KORVANE_CPP_TEST_UNSET"), std::nullopt);
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+    EXPECT_EQ(korvane::application_path(), std::string(self, static_cast<size_t>(length)));
+}
+
+TEST(CppFiles, WalkCallsTheCallableForEveryEntryAndLibrariesLoadOrAreEmpty) {
+    kvtest::TempDir root;
+    ASSERT_TRUE(os_folder_create((root / "top/sub").c_str()));
+    ASSERT_TRUE(os_file_create((root / "top/sub/f").c_str()));
+    using Seen = std::set<std::pair<std::string, bool>>; // path, and whether a folder
+    Seen seen;
+    korvane::walk(root.path(), "top", [&](const korvane::WalkEntry& at) { seen.emplace(at.path, at.folder); });
+    EXPECT_EQ(seen, (Seen{{"top", true}, {"top/sub", true}, {"top/sub/f", false}}));
+    auto libc = korvane::Library::load("libc.so.6");
+    ASSERT_TRUE(libc);
+    EXPECT_EQ(libc->symbol<size_t(const char*)>("strlen")("four"), 4u);
+    EXPECT_FALSE(korvane::Library::load("libno-such-library.so"));
 }

@@ -20,30 +20,29 @@ using OwnedLock = Owned<rw_mutex_handle, os_rw_mutex_destroy>;
 class Mutexes : public SyncTest {};
 
 // Threads add to a counter under an unnamed mutex, yielding inside: a broken
-// lock loses updates (in a child, so that a lost wake-up fails instead of
-// hanging). A named one has its first creator's type, and a second creator,
-// in another process, neither takes nor reinitialises it while it is held.
+// lock loses updates. (They run here: the emulator fails threads started in
+// a child of a process that already has threads.) A named one has its first
+// creator's type, and a second creator, in another process, neither takes nor
+// reinitialises it while it is held.
 TEST_F(Mutexes, UnnamedOnesExcludeThreadsAndNamedOnesKeepTheFirstCreatorsType) {
     for (const NamedKind& kind : {namedKinds()[0], namedKinds()[1]}) {
         SCOPED_TRACE(kind.label);
-        const ChildResult local = runInChild([&] {
-            void* mutex = kind.create(nullptr);
-            long counter = 0;
-            const auto add = [&] {
-                for (int i = 0; i < 1000; ++i) {
-                    kind.take(mutex);
-                    const long seen = counter;
-                    std::this_thread::yield();
-                    counter = seen + 1;
-                    kind.give(mutex);
-                }
-            };
-            std::thread other(add);
-            add();
-            other.join();
-            return counter == 2000 ? 0 : 1;
-        });
-        EXPECT_EQ(local.exitCode, 0);
+        void* local = kind.create(nullptr);
+        long counter = 0;
+        const auto add = [&] {
+            for (int i = 0; i < 1000; ++i) {
+                kind.take(local);
+                const long seen = counter;
+                std::this_thread::yield();
+                counter = seen + 1;
+                kind.give(local);
+            }
+        };
+        std::thread other(add);
+        add();
+        other.join();
+        EXPECT_EQ(counter, 2000);
+        kind.destroy(local);
         const std::string shared = name(kind.label);
         void* first = openMapped(shared, [&] { return kind.create(shared.c_str()); });
         kind.take(first);

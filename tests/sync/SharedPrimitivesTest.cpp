@@ -1,214 +1,169 @@
-// The futex-based condition and counting semaphore of named object memories,
-// placed as the shared layouts place them: in memory shared with forked
-// children, at addresses 4-byte but not 8-byte aligned.
-#include <pthread.h>
-#include <semaphore.h>
-#include <signal.h>
-#include <sys/mman.h>
-
-#include <atomic>
-#include <cerrno>
-#include <climits>
+// Timed waits and the reset rules of events, for each of an event's wake-up
+// mechanisms (unnamed: a private condition; named: a shared condition, what
+// os_event_create selects, a shared semaphore or a System V semaphore), and
+// of semaphores and conditions.
+#include <functional>
 #include <memory>
-#include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include "SyncTestSupport.h"
-#include "korvane/system.h"
-#include "os/sync/SharedCondition.h"
-#include "os/sync/SharedSemaphore.h"
-#include "os/sync/SyncInternal.h"
+#include "os/sync/SyncObjects.h"
 
 namespace {
 
-using korvane::sync::ConditionWait;
-using korvane::sync::SharedCondition;
-using korvane::sync::SharedSemaphore;
 using namespace kvtest;
 
-timespec realtimeDeadline(std::chrono::milliseconds offset) {
-    timespec deadline{};
-    const timespec monotonic = monotonicDeadline(offset);
-    os_clock_monotonic_to_realtime(&monotonic, &deadline);
-    return deadline;
-}
-
-// One shared page laid out like a named object memory: a robust mutex at
-// offset 4, a condition at 52 and a semaphore at 108 (all 4 mod 8), and
-// plain words guarded by the mutex from offset 256.
-class SharedPage {
-public:
-    SharedPage() {
-        void* page = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (page == MAP_FAILED)
-            throw std::runtime_error("mmap failed");
-        m_base = static_cast<uint8_t*>(page);
-        korvane::sync::initialiseMutex(mutex(), PTHREAD_MUTEX_NORMAL, true);
-        condition()->initialise();
-        semaphore()->initialise(0);
-    }
-    ~SharedPage() { munmap(m_base, kSize); }
-    SharedPage(const SharedPage&) = delete;
-    SharedPage& operator=(const SharedPage&) = delete;
-
-    pthread_mutex_t* mutex() { return reinterpret_cast<pthread_mutex_t*>(m_base + 4); }
-    SharedCondition* condition() { return reinterpret_cast<SharedCondition*>(m_base + 52); }
-    SharedSemaphore* semaphore() { return reinterpret_cast<SharedSemaphore*>(m_base + 108); }
-    uint32_t& word(size_t index) { return reinterpret_cast<uint32_t*>(m_base + 256)[index]; }
-    void lock() { korvane::sync::robustLock(mutex()); }
-    void unlock() { pthread_mutex_unlock(mutex()); }
-
-private:
-    static constexpr size_t kSize = 4096;
-    uint8_t* m_base = nullptr;
+struct Mechanism {
+    const char* title;
+    bool named, systemV, useCondition;
+    int64_t requestSize;
+    uint8_t systemVFlag, conditionFlag;
 };
 
-TEST(SharedSemaphore, CountsWithinTheLimitsOfASemTAndTakesDeadlinesAsItDoes) {
-    SharedPage page;
-    SharedSemaphore* semaphore = page.semaphore();
-    ASSERT_EQ(reinterpret_cast<uintptr_t>(semaphore) % 8, 4u);
-    ASSERT_EQ(semaphore->initialise(2), 0);
-    EXPECT_EQ(semaphore->tryWait(), 0);
-    EXPECT_EQ(semaphore->wait(), 0);
-    EXPECT_EQ(semaphore->tryWait(), EAGAIN);
-    EXPECT_EQ(semaphore->waitUntil(realtimeDeadline(-5ms)), ETIMEDOUT);
-    EXPECT_EQ(semaphore->waitUntil(timespec{-1, 0}), ETIMEDOUT) << "negative seconds are a passed deadline";
-    EXPECT_EQ(semaphore->post(), 0);
-    timespec malformed = realtimeDeadline(1s);
-    malformed.tv_nsec = 1000000000;
-    EXPECT_EQ(semaphore->waitUntil(malformed), EINVAL);
-    EXPECT_EQ(semaphore->value(), 1u) << "a malformed deadline takes nothing";
-    EXPECT_EQ(semaphore->waitUntil(realtimeDeadline(-5ms)), 0) << "a free unit is taken even past the deadline";
-    EXPECT_EQ(semaphore->initialise(static_cast<unsigned int>(SEM_VALUE_MAX) + 1u), EINVAL);
-    EXPECT_EQ(semaphore->value(), 0u);
-    ASSERT_EQ(semaphore->initialise(SEM_VALUE_MAX), 0);
-    EXPECT_EQ(semaphore->post(), EOVERFLOW);
+// The last: System V asked for together with the condition, which is dropped.
+const Mechanism kMechanisms[] = {
+    {"unnamed", false, false, true, -1, 0, 1},   {"condition", true, false, true, 104, 0, 1},
+    {"semaphore", true, false, false, 88, 0, 0}, {"System V", true, true, false, 60, 1, 0},
+    {"System V with condition", true, true, true, 60, 1, 0},
+};
+
+std::unique_ptr<event_handle> openEvent(const Mechanism& how, bool manualReset, bool initialState,
+                                        const std::string& name) {
+    const auto make = [&] {
+        return std::make_unique<event_handle>(manualReset, initialState, how.named ? name.c_str() : nullptr,
+                                              how.systemV, how.useCondition);
+    };
+    return how.named ? openMapped(name, make) : make();
 }
 
-void ignoreSignal(int) {}
+// A waitable and the steps it must show: 'G' gives (set, release, signal),
+// 'R' resets; a wait answers the digit after it (0 taken or woken, 1 timed
+// out, 2 deadline refused), its deadline 'p' past, 'n' with negative seconds,
+// 'm' with nanoseconds out of range.
+struct Waitable {
+    std::string title;
+    const char* steps;
+    std::function<void(char)> act;
+    std::function<int(const timespec&)> wait;
+};
 
-TEST(SharedSemaphore, ASignalEndsTheWaitAsAFailure) {
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = ignoreSignal; // no SA_RESTART: the wait must see EINTR
-    sigaction(SIGUSR1, &action, &previous);
-    SharedPage page;
-    std::atomic<int> result{-1};
-    std::thread waiter([&] { result = page.semaphore()->waitUntil(realtimeDeadline(kDefaultTimeout)); });
-    // Signal until the waiter has left: a signal landing before it sleeps is missed.
-    EXPECT_TRUE(eventually([&] {
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(2ms);
-        return result != -1;
-    }));
-    page.semaphore()->post(); // frees the waiter should the signals have failed
-    waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    EXPECT_EQ(result, EINTR);
-}
+class Waits : public SyncTest {};
 
-TEST(SharedSemaphore, LosesNoUnitAndWakesWaitersInOtherProcesses) {
-    SharedPage page;
-    constexpr int kConsumers = 3;
-    constexpr int kUnitsEach = 300;
-    std::vector<std::unique_ptr<Child>> consumers;
-    for (int i = 0; i < kConsumers; ++i) {
-        // A timed wait takes a unit it finds at its deadline, so a missed
-        // wake-up would pass unseen: these deadlines outlast the children's
-        // time limit.
-        consumers.push_back(std::make_unique<Child>([&] {
-            for (int unit = 0; unit < kUnitsEach; ++unit) {
-                if (page.semaphore()->waitUntil(realtimeDeadline(2 * kDefaultTimeout)) != 0)
-                    return 1;
-            }
-            return 0;
-        }));
+// Every timed wait reads a deadline alike, and takes what was given even past
+// it. A deadline naming no instant is refused by a condition, answered as
+// passed by an event, and normalised by a semaphore as it converts it to the
+// realtime clock. A later creator's arguments leave an event as it is.
+TEST_F(Waits, DeadlinesAndResetRules) {
+    const struct {
+        bool manualReset, initialState, second; // second: waits through a later creator's handle
+        const char* steps;
+    } kEventRuns[] = {{false, true, false, "p0p1"}, {false, false, false, "p1n1m1Gm0p1GGp0p1GRp1Gp0"},
+                      {true, true, false, "p0p0p0Rp1"}, {true, false, false, "Gm0p0p0Rp1p1Gp0GGp0p0Rp1"},
+                      {true, true, true, "p0p0Rp1"}};
+    std::vector<std::unique_ptr<event_handle>> events;
+    std::vector<Waitable> rows;
+    for (const Mechanism& how : kMechanisms) {
+        for (const auto& run : kEventRuns) {
+            const std::string shared = name("ev");
+            events.push_back(openEvent(how, run.manualReset, run.initialState, shared));
+            if (run.second && how.named) // an unnamed one has no later creator
+                events.push_back(openEvent(how, false, false, shared));
+            event_handle* event = events.back().get();
+            rows.push_back({how.title, run.steps,
+                            [=](char step) { step == 'G' ? event->set() : event->reset(); },
+                            [=](const timespec& d) { return event->waitUntil(d) ? 0 : 1; }});
+        }
     }
-    std::vector<std::thread> producers;
-    for (int i = 0; i < 2; ++i) {
-        producers.emplace_back([&] {
-            for (int unit = 0; unit < kConsumers * kUnitsEach / 2; ++unit)
-                page.semaphore()->post();
-        });
+    // Semaphores given a negative count start empty.
+    std::vector<std::unique_ptr<semaphore_handle>> semaphores;
+    for (const std::string& shared : {std::string(), name("sem")}) {
+        semaphore_handle* semaphore = semaphores.emplace_back(openMapped(shared, [&] {
+            return std::make_unique<semaphore_handle>(-1, shared.empty() ? nullptr : shared.c_str(), false);
+        })).get();
+        rows.push_back({"semaphore " + shared, "p1n1m1Gm0p1GGp0p0p1", [=](char) { semaphore->release(); },
+                        [=](const timespec& d) { return semaphore->waitUntil(d) ? 0 : 1; }});
     }
-    for (std::thread& producer : producers)
-        producer.join();
-    for (auto& consumer : consumers)
-        EXPECT_EQ(consumer->wait().exitCode, 0) << "a consumer missed a unit";
-    EXPECT_EQ(page.semaphore()->value(), 0u);
-}
-
-TEST(SharedCondition, DeadlinesTimeOutWithTheMutexHeldAndAMalformedOneNeverReleasesIt) {
-    SharedPage page;
-    ASSERT_EQ(reinterpret_cast<uintptr_t>(page.condition()) % 8, 4u);
-    page.lock();
-    EXPECT_EQ(page.condition()->waitUntil(page.mutex(), pastDeadline()), ConditionWait::TimedOut);
-    EXPECT_EQ(page.condition()->waitUntil(page.mutex(), timespec{-1, 0}), ConditionWait::TimedOut);
-    timespec malformed = boundedDeadline();
-    malformed.tv_nsec = -1;
-    EXPECT_EQ(page.condition()->waitUntil(page.mutex(), malformed), ConditionWait::BadDeadline);
-    // A robust mutex refuses an unlock by anyone but its owner.
-    EXPECT_EQ(pthread_mutex_unlock(page.mutex()), 0);
-}
-
-// Two processes hand a turn back and forth with wake-one signals: a lost
-// wake-up leaves one side asleep until its deadline.
-TEST(SharedCondition, LosesNoWakeUpUnderAStressLoop) {
-    SharedPage page;
-    constexpr uint32_t kRounds = 1000;
-    auto play = [&page](uint32_t side) {
-        const timespec deadline = boundedDeadline();
-        for (uint32_t round = 0; round < kRounds; ++round) {
-            page.lock();
-            while (page.word(0) % 2 != side) {
-                if (page.condition()->waitUntil(page.mutex(), deadline) == ConditionWait::TimedOut) {
-                    page.unlock();
-                    return 1;
-                }
+    condition_handle condition;
+    rows.push_back({"condition", "p1n1m2", nullptr, [&](const timespec& d) { return condition.waitUntil(d); }});
+    condition.lock();
+    const timespec malformed{pastDeadline().tv_sec - 2, 1000000000};
+    for (const Waitable& row : rows) {
+        SCOPED_TRACE(row.title + " " + row.steps);
+        for (const char* step = row.steps; *step != '\0'; ++step) {
+            if (*step == 'G' || *step == 'R') {
+                row.act(*step);
+                continue;
             }
-            page.word(0) += 1;
-            page.condition()->signal();
-            page.unlock();
+            const timespec deadline = *step == 'n' ? timespec{-1, 0} : *step == 'm' ? malformed : pastDeadline();
+            EXPECT_EQ(row.wait(deadline), step[1] - '0') << "at step " << step - row.steps;
+            ++step;
+        }
+    }
+    condition.unlock();
+    // A null handle answers as a wake-up, kept for existing callers.
+    EXPECT_EQ(os_condition_wait(nullptr), 0);
+    EXPECT_EQ(os_condition_wait_timeout(nullptr, pastDeadline()), 0);
+}
+
+// What each mechanism leaves in the memory: its size and, in the last four
+// bytes, manual reset, state, System V flag and condition flag; and a System
+// V semaphore that lives until the last handle goes.
+TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
+    for (const Mechanism& how : kMechanisms) {
+        if (!how.named)
+            continue;
+        SCOPED_TRACE(how.title);
+        const std::string shared = name("ev");
+        std::unique_ptr<event_handle> first;
+        const std::string printed = captureStdout([&] { first = openEvent(how, true, true, shared); });
+        EXPECT_EQ(printed, how.systemV && how.useCondition ? "warning: can not use condition because semaphore is "
+                                                             "managed by OS, it should be system V semaphore.\n"
+                                                           : "");
+        EXPECT_EQ(segmentSize(shared), how.requestSize);
+        const key_t key = memoryFileKey(shared);
+        const MappedObject memory(shared); // kept mapped past the removal of the name
+        const std::vector<uint8_t> flags(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize);
+        EXPECT_EQ(flags, (std::vector<uint8_t>{1, 1, how.systemVFlag, how.conditionFlag}));
+        auto second = openEvent(how, false, false, shared);
+        first.reset();
+        EXPECT_EQ(systemVSemaphoreExists(key), how.systemV) << "only the last release removes it";
+        second.reset();
+        EXPECT_EQ(segmentSize(shared), -1);
+        EXPECT_FALSE(systemVSemaphoreExists(key));
+    }
+}
+
+// Two processes hand a turn back and forth through named automatic-reset
+// events (a shared condition each) and named semaphores (a futex each): a
+// lost wake-up leaves one side asleep past the child's time limit.
+TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
+    const std::string names[] = {name("ev"), name("ev"), name("sem"), name("sem")};
+    const auto play = [&](int side) {
+        std::unique_ptr<event_handle> events[2];
+        std::unique_ptr<semaphore_handle> units[2];
+        for (int i = 0; i < 2; ++i) {
+            events[i] = openEvent(kMechanisms[1], false, false, names[i]);
+            const char* unit = names[2 + i].c_str();
+            units[i] = openMapped(unit, [&] { return std::make_unique<semaphore_handle>(0, unit, false); });
+        }
+        const auto take = [&] {
+            const timespec deadline = monotonicDeadline(2 * kDefaultTimeout);
+            return events[1 - side]->waitUntil(deadline) && units[1 - side]->waitUntil(deadline);
+        };
+        for (int round = 0; round < 1000; ++round) { // side 0 gives first, then takes
+            if (side == 1 && !take())
+                return 1;
+            events[side]->set();
+            units[side]->release();
+            if (side == 0 && !take())
+                return 1;
         }
         return 0;
     };
-    Child other([&] { return play(1); });
-    EXPECT_EQ(play(0), 0);
-    EXPECT_EQ(other.wait().exitCode, 0);
-    EXPECT_EQ(page.word(0), 2 * kRounds);
-}
-
-// A process that dies holding the mutex after waking the waiter: the waiter
-// (a child, so that a fault cannot hang the test) takes the mutex back
-// repaired, consistent and its own.
-TEST(SharedConditionOwnerDeath, WaiterRepairsTheMutexItTakesBack) {
-    SharedPage page;
-    Child waiter([&] {
-        page.lock();
-        page.word(0) = 1;
-        ConditionWait result = ConditionWait::Woken;
-        while (page.word(1) == 0 && result != ConditionWait::TimedOut)
-            result = page.condition()->waitUntil(page.mutex(), boundedDeadline());
-        // Exit codes: 1 not woken, 2 the mutex taken back is not the waiter's.
-        return result != ConditionWait::Woken ? 1 : pthread_mutex_unlock(page.mutex()) == 0 ? 0 : 2;
-    });
-    ASSERT_TRUE(eventually([&] {
-        page.lock();
-        const bool waiting = page.word(0) == 1;
-        page.unlock();
-        return waiting;
-    }));
-    const ChildResult dead = runInChild([&] {
-        pthread_mutex_lock(page.mutex());
-        page.word(1) = 1;
-        page.condition()->broadcast();
-        return 0; // leaves without unlocking
-    });
-    EXPECT_TRUE(dead.exited);
-    EXPECT_EQ(waiter.wait().exitCode, 0);
-    EXPECT_EQ(pthread_mutex_trylock(page.mutex()), 0) << "the mutex was left inconsistent";
-    pthread_mutex_unlock(page.mutex());
+    // Both in children, whose time limit is below those deadlines.
+    Child first([&] { return play(0); }), second([&] { return play(1); });
+    EXPECT_EQ(first.wait().exitCode, 0);
+    EXPECT_EQ(second.wait().exitCode, 0);
 }
 
 } // namespace

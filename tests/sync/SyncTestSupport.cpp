@@ -8,11 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
-#include <stdexcept>
 
-#include "korvane/sync.h"
 #include "korvane/system.h"
 
 namespace kvtest {
@@ -20,9 +17,7 @@ namespace kvtest {
 timespec monotonicDeadline(std::chrono::milliseconds offset) {
     timespec deadline{};
     os_clock_get_time(CLOCK_MONOTONIC, &deadline);
-    const int64_t nanoseconds = static_cast<int64_t>(offset.count()) * 1000000;
-    deadline.tv_sec += nanoseconds / 1000000000;
-    deadline.tv_nsec += nanoseconds % 1000000000;
+    deadline.tv_nsec += static_cast<long>(offset.count()) * 1000000; // normalised a second at a time
     os_clock_adjust_clock_time(&deadline);
     return deadline;
 }
@@ -38,10 +33,9 @@ const std::string kNoChannelOutput = "Error: Can not open os_mutex_manage_enable
 
 std::vector<std::string> presentChannelEntries() {
     std::vector<std::string> present;
-    for (const std::string& entry : kChannelEntries) {
+    for (const std::string& entry : kChannelEntries)
         if (segmentSize(entry) >= 0)
             present.push_back(entry);
-    }
     return present;
 }
 
@@ -52,11 +46,7 @@ int64_t segmentSize(const std::string& name) {
 
 int64_t openCountOf(const std::string& name) {
     const MappedObject object(name);
-    uint32_t count = 0;
-    if (object.bytes == nullptr)
-        return -1;
-    std::memcpy(&count, object.bytes, sizeof count);
-    return count;
+    return object.bytes == nullptr ? -1 : *reinterpret_cast<const uint32_t*>(object.bytes);
 }
 
 int mappingsOf(const std::string& name) {
@@ -79,8 +69,7 @@ bool systemVSemaphoreExists(key_t key) {
 }
 
 Signal::Signal() {
-    if (pipe(m_fds) != 0)
-        throw std::runtime_error("pipe failed");
+    EXPECT_EQ(pipe(m_fds), 0);
 }
 
 Signal::~Signal() {
@@ -89,8 +78,7 @@ Signal::~Signal() {
 }
 
 void Signal::notify() {
-    const char byte = 1;
-    while (write(m_fds[1], &byte, 1) < 0 && errno == EINTR) {
+    while (write(m_fds[1], "", 1) < 0 && errno == EINTR) {
     }
 }
 
@@ -98,24 +86,6 @@ bool Signal::waitFor(std::chrono::milliseconds timeout) {
     pollfd entry{m_fds[0], POLLIN, 0};
     char byte = 0;
     return poll(&entry, 1, static_cast<int>(timeout.count())) == 1 && read(m_fds[0], &byte, 1) == 1;
-}
-
-Worker::Worker(bool process, std::function<int()> body) {
-    if (process)
-        m_child = std::make_unique<Child>(std::move(body));
-    else
-        m_thread = std::thread([this, body] { m_result = body(); });
-}
-
-int Worker::result() {
-    if (m_child != nullptr) {
-        const ChildResult ended = m_child->wait();
-        m_result = ended.exited ? ended.exitCode : -1;
-        m_child.reset();
-    } else if (m_thread.joinable()) {
-        m_thread.join();
-    }
-    return m_result;
 }
 
 void SyncTest::SetUp() {
@@ -126,11 +96,8 @@ void SyncTest::SetUp() {
 }
 
 void SyncTest::TearDown() {
-    for (const std::string& leftover : m_names) { // keyed by memory files that go with the manager
-        const key_t key = memoryFileKey(leftover);
-        if (systemVSemaphoreExists(key))
-            semctl(semget(key, 1, 0), 0, IPC_RMID);
-    }
+    for (const std::string& leftover : m_names) // keyed by memory files that go with the manager
+        semctl(semget(memoryFileKey(leftover), 1, 0), 0, IPC_RMID);
     stopManager();
     for (const std::string& leftover : m_names)
         shm_unlink(leftover.c_str());

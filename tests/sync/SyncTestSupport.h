@@ -1,32 +1,21 @@
 // Helpers of the synchronisation tests: a fixture running the sync manager,
-// deadlines, views of /dev/shm and of named object memories, a pipe on which
-// workers report, and workers that are threads or forked processes.
+// deadlines, views of /dev/shm and of named object memories, and a pipe on
+// which workers report.
 #ifndef KORVANE_TESTS_SYNC_TEST_SUPPORT_H
 #define KORVANE_TESTS_SYNC_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
-#include <chrono>
-#include <cstdint>
-#include <ctime>
-#include <functional>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "TestSupport.h"
+#include "TestSupport.h" // with <chrono>, <functional>, <string>, <vector> and <sys/types.h>
 #include "korvane/sync.h"
 
 namespace kvtest {
 
-// Absolute monotonic deadlines: `offset` from now, one only a fault reaches,
-// one already past.
+// Absolute monotonic deadlines: `offset` from now, and one already past.
 timespec monotonicDeadline(std::chrono::milliseconds offset);
-inline timespec boundedDeadline() {
-    return monotonicDeadline(kDefaultTimeout);
-}
 inline timespec pastDeadline() {
     return monotonicDeadline(std::chrono::milliseconds(-5));
 }
@@ -68,22 +57,6 @@ public:
 
 private:
     int m_fds[2] = {-1, -1};
-};
-
-// `body` in a thread or in a forked process: what holds for a private object
-// between threads holds for a named one between processes. Bodies bound their
-// own waits; a process is killed after kDefaultTimeout.
-class Worker {
-public:
-    Worker(bool process, std::function<int()> body);
-    ~Worker() { result(); }
-    // The body's result or exit code; -1 when it did not end.
-    int result();
-
-private:
-    std::unique_ptr<Child> m_child;
-    std::thread m_thread;
-    int m_result = -1;
 };
 
 // Makes a named handle (an owning pointer) with `make`, again while it did not

@@ -21,43 +21,27 @@ Bstr bstr(const char* text = nullptr) {
     return handle;
 }
 
-TEST(BStrNullHandle, SettersReportWhetherThereWasNothingToSetAndTheRestDoNothing) {
-    const Unit unit = rawUnit("x");
-    const Bstr other = bstr("x"), empty = bstr();
-    // The null-source and null-handle results of each setter: BoolResultTest.
-    EXPECT_TRUE(bstr_set_bstr(nullptr, empty.get())) << "a source holding no string counts as null";
-    EXPECT_FALSE(bstr_set_bstrunit(nullptr, unit.get()));
-    EXPECT_FALSE(bstr_set_bstr(nullptr, other.get()));
-    bstr_clear(nullptr);
-    bstr_attach_bstrunit(nullptr, unit.get()); // takes nothing: the test still frees it
-    EXPECT_EQ(bstr_get_string(nullptr), nullptr);
-    EXPECT_EQ(bstr_detach_bstrunit(nullptr), nullptr);
-    bstr_handle* none = nullptr;
-    bstr_destroy(&none);
-    EXPECT_EQ(none, nullptr);
-}
-
 TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
     const Bstr h = bstr("abc"), source = bstr("text"), none = bstr();
+    // A null handle reports whether there was nothing to set (the null-source
+    // results are in BoolResultTest) and takes no unit: the test frees it.
+    EXPECT_TRUE(bstr_set_bstr(nullptr, none.get())) << "a source holding no string counts as null";
+    EXPECT_FALSE(bstr_set_bstr(nullptr, source.get()));
     Unit unit(bstr_detach_bstrunit(h.get()));
+    bstr_attach_bstrunit(nullptr, unit.get());
     EXPECT_EQ(bytesOf(unit.get()), std::string("abc", 4)) << "the NUL is stored and counted";
-    EXPECT_TRUE(bstr_set_string(h.get(), ""));
-    EXPECT_STREQ(bstr_get_string(h.get()), "");
     const Unit bytes = rawUnit(std::string("a\0b", 3)); // embedded NUL, no terminator
     EXPECT_TRUE(bstr_set_bstrunit(h.get(), bytes.get()));
     unit.reset(bstr_detach_bstrunit(h.get()));
     EXPECT_NE(unit.get(), bytes.get());
     EXPECT_EQ(bytesOf(unit.get()), bytesOf(bytes.get()));
     EXPECT_TRUE(bstr_set_bstr(h.get(), source.get()));
-    EXPECT_STREQ(bstr_get_string(h.get()), "text");
     EXPECT_NE(bstr_get_string(h.get()), bstr_get_string(source.get()));
+    EXPECT_STREQ(bstr_get_string(h.get()), "text");
     // A source inside the handle's own unit is read before that unit is freed.
     const char* const longText = "a text longer than any allocator header";
     bstr_set_string(h.get(), longText);
     EXPECT_TRUE(bstr_set_string(h.get(), bstr_get_string(h.get())));
-    bstrunit* own = bstr_detach_bstrunit(h.get());
-    bstr_attach_bstrunit(h.get(), own);
-    EXPECT_TRUE(bstr_set_bstrunit(h.get(), own));
     EXPECT_STREQ(bstr_get_string(h.get()), longText);
     const std::function<bool()> nullSources[] = {
         [&] { return bstr_set_string(h.get(), nullptr); }, [&] { return bstr_set_bstrunit(h.get(), nullptr); },
@@ -70,9 +54,7 @@ TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
         EXPECT_EQ(bstr_get_string(h.get()), nullptr);
     }
     alignas(bstrunit) char block[sizeof(bstrunit)];
-    bstr_set_string(h.get(), "old");
     EXPECT_THROW(bstr_set_bstrunit(h.get(), new (block) bstrunit{-1}), std::bad_array_new_length);
-    EXPECT_EQ(bstr_get_string(h.get()), nullptr);
 }
 
 // Units move in and out without copies; the leak checker sees a lost one.
@@ -85,32 +67,29 @@ TEST(BStrOwnership, AttachAndDetachMoveTheUnitItself) {
     const Unit detached(bstr_detach_bstrunit(h.get()));
     EXPECT_EQ(detached.get(), unit);
     EXPECT_EQ(bstr_detach_bstrunit(h.get()), nullptr);
-    bstrunit* empty = bstrunit_alloc(0);
-    bstr_attach_bstrunit(h.get(), empty);
-    EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(empty)) << "an empty unit is still a string";
+    bstr_attach_bstrunit(h.get(), bstrunit_alloc(0));
     bstr_attach_bstrunit(h.get(), nullptr); // frees it
     EXPECT_EQ(bstr_get_string(h.get()), nullptr);
 }
 
 TEST(BStrEqual, NullAndEmptyStatesThenLengthAndBytes) {
-    const Bstr abc = bstr("abc"), abc2 = bstr("abc"), abd = bstr("abd"), ab = bstr("ab"), upper = bstr("ABC");
-    const Bstr none = bstr(), none2 = bstr(), empty = bstr();
+    const Bstr abc = bstr("abc"), abc2 = bstr("abc"), abd = bstr("abd"), ab = bstr("ab"), none = bstr();
+    const Bstr none2 = bstr(), empty = bstr();
     bstr_attach_bstrunit(empty.get(), bstrunit_alloc(0));
-    const Unit withNul = rawUnit(std::string("ab", 3)), other = rawUnit(std::string("ax", 3));
-    const Unit withoutNul = rawUnit("ab");
+    const Unit withNul = rawUnit(std::string("ab", 3)), other = rawUnit(std::string("ax", 3)), noNul = rawUnit("ab");
     const std::tuple<bstr_handle*, bstr_handle*, bool> handles[] = {
-        {nullptr, none.get(), false},     {none.get(), nullptr, false},
-        {none.get(), none2.get(), true}, {none.get(), empty.get(), false}, {empty.get(), none.get(), false},
-        {abc.get(), abc2.get(), true},   {abc.get(), abd.get(), false},    {abc.get(), upper.get(), false},
-        {abc.get(), ab.get(), false}};
-    for (const auto& row : handles)
-        EXPECT_EQ(bstr_equal_bstr(std::get<0>(row), std::get<1>(row)), std::get<2>(row)) << "row " << &row - handles;
+        {nullptr, none.get(), false},    {none.get(), nullptr, false},     {none.get(), none2.get(), true},
+        {none.get(), empty.get(), false}, {empty.get(), none.get(), false}, {abc.get(), abc2.get(), true},
+        {abc.get(), abd.get(), false},   {abc.get(), ab.get(), false}};
+    int row = 0;
+    for (const auto& [a, b, equal] : handles)
+        EXPECT_EQ(bstr_equal_bstr(a, b), equal) << "handles row " << row++;
     const std::tuple<bstr_handle*, const bstrunit*, bool> units[] = {
-        {nullptr, withNul.get(), false}, {none.get(), nullptr, true},
-        {none.get(), withNul.get(), false},  {ab.get(), nullptr, false},      {ab.get(), withNul.get(), true},
-        {ab.get(), withoutNul.get(), false}, {ab.get(), other.get(), false}};
-    for (const auto& row : units)
-        EXPECT_EQ(bstr_equal_bstrunit(std::get<0>(row), std::get<1>(row)), std::get<2>(row)) << "row " << &row - units;
+        {nullptr, withNul.get(), false}, {none.get(), nullptr, true},     {none.get(), withNul.get(), false},
+        {ab.get(), nullptr, false},      {ab.get(), withNul.get(), true}, {ab.get(), noNul.get(), false},
+        {ab.get(), other.get(), false}};
+    for (const auto& [a, b, equal] : units)
+        EXPECT_EQ(bstr_equal_bstrunit(a, b), equal) << "units row " << row++;
 }
 
 } // namespace

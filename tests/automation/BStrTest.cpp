@@ -22,19 +22,13 @@ Bstr bstr(const char* text = nullptr) {
 }
 
 TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
-    const Bstr h = bstr("abc"), source = bstr("text"), none = bstr();
+    // The copies' bytes (the NUL counted, embedded NULs kept) are checked
+    // with the variant's setters and the safe_array fuzz target.
+    const Bstr h = bstr(), source = bstr("text"), none = bstr();
     // A null handle reports whether there was nothing to set (the null-source
-    // results are in BoolResultTest) and takes no unit: the test frees it.
+    // results are in BoolResultTest).
     EXPECT_TRUE(bstr_set_bstr(nullptr, none.get())) << "a source holding no string counts as null";
     EXPECT_FALSE(bstr_set_bstr(nullptr, source.get()));
-    Unit unit(bstr_detach_bstrunit(h.get()));
-    bstr_attach_bstrunit(nullptr, unit.get());
-    EXPECT_EQ(bytesOf(unit.get()), std::string("abc", 4)) << "the NUL is stored and counted";
-    const Unit bytes = rawUnit(std::string("a\0b", 3)); // embedded NUL, no terminator
-    EXPECT_TRUE(bstr_set_bstrunit(h.get(), bytes.get()));
-    unit.reset(bstr_detach_bstrunit(h.get()));
-    EXPECT_NE(unit.get(), bytes.get());
-    EXPECT_EQ(bytesOf(unit.get()), bytesOf(bytes.get()));
     EXPECT_TRUE(bstr_set_bstr(h.get(), source.get()));
     EXPECT_NE(bstr_get_string(h.get()), bstr_get_string(source.get()));
     EXPECT_STREQ(bstr_get_string(h.get()), "text");
@@ -61,6 +55,7 @@ TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
 TEST(BStrOwnership, AttachAndDetachMoveTheUnitItself) {
     const Bstr h = bstr("old");
     bstrunit* unit = rawUnit(std::string("new", 4)).release();
+    bstr_attach_bstrunit(nullptr, unit); // takes nothing
     bstr_attach_bstrunit(h.get(), unit);
     bstr_attach_bstrunit(h.get(), unit); // its own unit again: kept, not freed
     EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(unit));

@@ -39,9 +39,8 @@ TEST(BStrSetters, CopyTheSourceAsItStandsAndNullLeavesNoString) {
     EXPECT_STREQ(bstr_get_string(h.get()), longText);
     const std::function<bool()> nullSources[] = {
         [&] { return bstr_set_string(h.get(), nullptr); }, [&] { return bstr_set_bstrunit(h.get(), nullptr); },
-        [&] { return bstr_set_bstr(h.get(), none.get()); }, [&] { return bstr_set_bstr(h.get(), nullptr); },
-        [&] { return bstr_set_bstr(h.get(), h.get()); }, // self-assignment empties, on purpose
-    };
+        [&] { return bstr_set_bstr(h.get(), none.get()); },
+        [&] { return bstr_set_bstr(h.get(), h.get()); }}; // self-assignment empties, on purpose
     for (const auto& setNull : nullSources) {
         bstr_set_string(h.get(), "old"); // freed by the setter, or the leak checker complains
         EXPECT_TRUE(setNull());
@@ -61,7 +60,6 @@ TEST(BStrOwnership, AttachAndDetachMoveTheUnitItself) {
     EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(unit));
     const Unit detached(bstr_detach_bstrunit(h.get()));
     EXPECT_EQ(detached.get(), unit);
-    EXPECT_EQ(bstr_detach_bstrunit(h.get()), nullptr);
     bstr_attach_bstrunit(h.get(), bstrunit_alloc(0));
     bstr_attach_bstrunit(h.get(), nullptr); // frees it
     EXPECT_EQ(bstr_get_string(h.get()), nullptr);

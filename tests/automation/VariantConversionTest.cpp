@@ -15,7 +15,8 @@ namespace {
 
 using namespace autotest;
 
-// One row per source kind: what each target (tags 0 to 14, then an unknown tag)
+// One row per kind of source (the scalar types themselves are checked through
+// the reader's slots; long long refusing bool, by the fuzz target): what each target (tags 0 to 14, then an unknown tag)
 // makes of it, "no" for a refused pair. Narrow sources carry 0x5A bytes above
 // their width, which widening must ignore; the values show sign and zero
 // extension, relabelling of the low bytes, truncation and saturation.
@@ -30,17 +31,9 @@ const struct {
      "no 254 254 -2 65534 -2 4294967294 -2 18446744073709551614 -2 18446744073709551614 -2 -2 '-2' 1 no"},
     {raw(TVT_USHORT, 0x5A5A5A5A5A5AFFFE),
      "no 254 254 -2 65534 65534 65534 65534 65534 65534 65534 65534 65534 '65534' 1 no"},
-    {raw(TVT_UINT, 0x5A5A5A5AFFFEEE90), "no 144 144 -4464 61072 -70000 4294897296 4294897296 4294897296 "
-                                        "4294897296 4294897296 4.29489741e+09 4294897296 '4294897296' 1 no"},
     {setTo(variant_set_long, -4886718345l), "no 119 119 -26505 39031 -591751049 3703216247 -4886718345 "
                                             "18446744068822833271 -4886718345 18446744068822833271 "
                                             "-4.88671846e+09 -4886718345 '-4886718345' 1 no"},
-    {setTo(variant_set_ulong, 18446744068822833271ul),
-     "no 119 119 -26505 39031 -591751049 3703216247 -4886718345 18446744068822833271 -4886718345 "
-     "18446744068822833271 1.84467441e+19 1.8446744068822833e+19 '18446744068822833271' 1 no"},
-    {setTo(variant_set_longlong, -4886718345ll), // refuses bool, on purpose
-     "no 119 119 -26505 39031 -591751049 3703216247 -4886718345 18446744068822833271 -4886718345 "
-     "18446744068822833271 -4.88671846e+09 -4886718345 '-4886718345' no no"},
     {raw(TVT_FLOAT, 0x5A5A5A5AC0300000), "no 0 0 -2 0 -2 0 -2 0 -2 0 -2.75 -2.75 '-2.750000' 1 no"},
     {setTo(variant_set_double, 70000.75),
      "no 112 112 4464 4464 70000 70000 70000 70000 70000 70000 70000.75 70000.75 '70000.750000' 1 no"},
@@ -121,19 +114,15 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
         {TVT_INT, 0xABABABAB0000000F, 4, 0xABABABABFFFFFFFF}, {TVT_INT, 0x17, 4, 0x17}, {TVT_INT, 5, 0, 5},
         {TVT_CHAR, 0xABABABABABABAB08, 4, 0xABABABABABABABF8}, {TVT_SHORT, 0x80, 8, 0xFF80},
         {TVT_LONG, 0x8000, 16, 0xFFFFFFFFFFFF8000}, {TVT_LONGLONG, 0xF0, 4, 0xF0},
+        // Refused, untouched.
+        {TVT_FLOAT, 0xFF, 4, 0xFF}, {TVT_BOOL, 0xFF, 4, 0xFF}, {TVT_EMPTY, 0xFF, 4, 0xFF}, {kUnknownTag, 0xFF, 4, 0xFF},
     };
     for (const auto& [tag, before, bits, after] : rows) {
         Variant v;
         raw(tag, before)(v.get());
         SCOPED_TRACE(describe(v.get()) + " to " + std::to_string(bits) + " bits");
-        EXPECT_TRUE(variant_ajust_data_value(v.get(), bits));
+        EXPECT_EQ(variant_ajust_data_value(v.get(), bits), tag >= TVT_CHAR && tag <= TVT_ULONGLONG);
         EXPECT_EQ(v->value.bits, after);
-    }
-    for (TVARTYPE tag : {TVARTYPE{TVT_FLOAT}, TVARTYPE{TVT_BOOL}, TVARTYPE{TVT_EMPTY}, kUnknownTag}) {
-        Variant v;
-        raw(tag, 0xFF)(v.get());
-        EXPECT_FALSE(variant_ajust_data_value(v.get(), 4)) << tag;
-        EXPECT_EQ(v->value.bits, 0xFFu) << tag;
     }
 }
 

@@ -66,16 +66,11 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
     EXPECT_EQ(found, w.get());
     EXPECT_EQ(w->releaseRef(), 2) << "the wrapper's and the hand-out's remain";
     EXPECT_EQ(r->releaseRef(), 2);
-    // Values as text, and the type names the writer takes.
-    const Filler noUnit = [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); };
-    for (const Filler& make : {noUnit, raw(kUnknownTag, 7)}) {
-        make(v.get());
-        const tagTVARIANT before = *v.get();
-        EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getType(buffer, n); }),
-                  v->vt == TVT_STRING ? "string" : "");
-        EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getValue(buffer, n); }), "");
-        EXPECT_EQ(std::memcmp(&before, v.get(), sizeof before), 0);
-    }
+    // An unknown tag has no type name and no text; the type names the writer takes.
+    raw(kUnknownTag, 7)(v.get());
+    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getType(buffer, n); }), "");
+    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getValue(buffer, n); }), "");
+    EXPECT_EQ(describe(v.get()), "tag99:0x7");
     EXPECT_TRUE(w->setValue("7", true));
     EXPECT_TRUE(w->setValue((const char*)nullptr, true));
     EXPECT_EQ(describe(v.get()), "string:'7'") << "a null text changes nothing";
@@ -112,9 +107,8 @@ private:
 // stub's last release runs its hook, then deletes.
 TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnceBeforeDeletion) {
     const std::tuple<const char*, bool, Filler, const char*> rows[] = {
-        {"char", true, setTo(variant_set_int, 65), "char:65"}, {"string", true, text("22.5 C"), "string:'22.5 C'"},
-        {"double", false, setTo(variant_set_float, 2.5f), "double:2.5"}, {"Int", true, text("1"), "empty"},
-        {"<silent>", true, text("1"), "empty"}};
+        {"char", true, setTo(variant_set_int, 65), "char:65"}, {"string", false, text("22.5 C"), "string:'22.5 C'"},
+        {"Int", true, text("1"), "empty"}, {"<silent>", true, text("1"), "empty"}};
     for (const auto& [type, withNul, make, expected] : rows) {
         Log log;
         Variant source, v;
@@ -124,8 +118,6 @@ TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnc
         variant_set_string(v.get(), "old", true); // freed by the fill, or the leak checker complains
         variant_set_variantread(v.get(), app);
         EXPECT_EQ(describe(v.get()), expected) << type;
-        EXPECT_EQ(app->addRef(), 2);
-        EXPECT_EQ(app->releaseRef(), 1);
         EXPECT_EQ(app->releaseRef(), 0);
         EXPECT_EQ(log, (Log{"final release", "destroyed"})) << type;
     }

@@ -36,6 +36,12 @@ inline Filler text(const char* t) { return [t](tagTVARIANT* v) { variant_set_str
 // A record built by hand: any tag over any 64-bit value.
 inline Filler raw(TVARTYPE tag, uint64_t bits) { return [=](tagTVARIANT* v) { v->vt = tag, v->value.bits = bits; }; }
 
+// Owns a handle whose destroy function takes the handle's address.
+template <class Handle, void (*destroy)(Handle**)>
+struct Destroyer {
+    void operator()(Handle* handle) const { destroy(&handle); }
+};
+
 struct UnitFree {
     void operator()(bstrunit* unit) const { bstrunit_free(unit); }
 };
@@ -46,7 +52,6 @@ inline Unit rawUnit(const std::string& bytes) {
     std::memcpy(bstrunit_data(unit.get()), bytes.data(), bytes.size());
     return unit;
 }
-inline std::string bytesOf(const bstrunit* unit) { return std::string(bstrunit_data(unit), unit->length); }
 
 // "int:-7", "char:200" (a char shows its unsigned byte), "float:-2.75",
 // "string:'abc'" (up to the first NUL), "string:null", "empty", "tag99:0x2a".

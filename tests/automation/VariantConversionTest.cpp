@@ -16,14 +16,12 @@ namespace {
 using namespace autotest;
 
 // One row per kind of source (the scalar types themselves are checked through
-// the reader's slots; long long refusing bool, by the fuzz target): what each target (tags 0 to 14, then an unknown tag)
-// makes of it, "no" for a refused pair. Narrow sources carry 0x5A bytes above
-// their width, which widening must ignore; the values show sign and zero
-// extension, relabelling of the low bytes, truncation and saturation.
-const struct {
-    Filler make;
-    const char* targets;
-} kMatrix[] = {
+// the reader's slots; long long refusing bool, by the fuzz target): what each
+// target (tags 0 to 14, then an unknown tag) makes of it, "no" for a refused
+// pair. Narrow sources carry 0x5A bytes above their width, which widening
+// must ignore; the values show sign extension, relabelling of the low bytes,
+// truncation and saturation.
+const std::pair<Filler, const char*> kMatrix[] = {
     {raw(TVT_EMPTY, 0), "empty 0 0 0 0 0 0 0 0 0 0 0 0 null 0 0x0"},
     {raw(TVT_CHAR, 0x5A5A5A5A5A5A5AC8), // -56, read as the unsigned byte 200 on purpose
      "no 200 200 200 200 200 200 200 200 200 200 200 200 '200' 1 no"},
@@ -43,12 +41,12 @@ const struct {
 // A refused pair, or a conversion to the tag the variant already has, must
 // leave all of the record as it was (a string keeps its very unit).
 TEST(VariantConversionMatrix, EveryTargetGivesItsValueOrIsRefusedUntouched) {
-    for (const auto& row : kMatrix) {
-        std::istringstream targets(row.targets);
+    for (const auto& [make, row] : kMatrix) {
+        std::istringstream targets(row);
         std::string expected;
         for (TVARTYPE target = 0; targets >> expected; target = target == TVT_BOOL ? kUnknownTag : target + 1) {
             Variant v;
-            row.make(v.get());
+            make(v.get());
             const tagTVARIANT before = *v.get();
             SCOPED_TRACE(describe(&before) + " to tag " + std::to_string(target));
             const bool converted = variant_change_type(v.get(), target);
@@ -65,15 +63,14 @@ TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {
     const Filler noUnit = [](tagTVARIANT* v) { variant_set_bstrunit(v, nullptr); };
     const Filler unterminated = [](tagTVARIANT* v) { variant_set_bstrunit(v, rawUnit("12").get()); };
     const auto number = [](double value) { return setTo(variant_set_double, value); };
+    const Filler big = text("99999999999999999999");
     char huge[400]; // "%f" of the largest double is far longer than a small scratch buffer
     std::snprintf(huge, sizeof huge, "string:'%f'", -DBL_MAX);
     const std::tuple<Filler, TVARTYPE, const char*> cases[] = {
         // Base 0 parsers at the target's width; text to bool through strtol, on purpose.
         {text("017"), TVT_INT, "int:15"}, {text(" 42abc"), TVT_INT, "int:42"}, {text("true"), TVT_BOOL, "bool:0"},
-        {text("1e3"), TVT_INT, "int:1"}, {text("1e3"), TVT_DOUBLE, "double:1000"}, {noUnit, TVT_INT, "int:0"},
-        {text("99999999999999999999"), TVT_INT, "int:-1"},
-        {text("99999999999999999999"), TVT_LONG, "long:9223372036854775807"},
-        {text("99999999999999999999"), TVT_ULONGLONG, "ull:18446744073709551615"},
+        {text("1e3"), TVT_DOUBLE, "double:1000"}, {noUnit, TVT_INT, "int:0"}, {big, TVT_INT, "int:-1"},
+        {big, TVT_LONG, "long:9223372036854775807"}, {big, TVT_ULONGLONG, "ull:18446744073709551615"},
         {unterminated, TVT_UINT, "uint:12"}, // never read past the unit
         // Saturating, NaN to 0; narrow targets keep the low bytes of the 32-bit result.
         {number(1e20), TVT_INT, "int:2147483647"}, {number(-1e20), TVT_LONGLONG, "ll:-9223372036854775808"},
@@ -96,11 +93,13 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
     const std::tuple<TVARTYPE, uint64_t, uint32_t, uint64_t> rows[] = { // tag, value union before, bits, after
         // Unsigned 32/64-bit keep the low bits (the shift is taken modulo the width); bytes above stay.
         {TVT_UINT, 0xABABABABFFFFFFFF, 8, 0xABABABAB000000FF}, {TVT_UINT, 0xFFFFFFFF, 0, 0xFFFFFFFF},
-        {TVT_UINT, 0xFFFFFFFF, 40, 0xFF}, {TVT_ULONG, ~0ull, 12, 0xFFF}, {TVT_USHORT, 0xFFFF, 8, 0xFFFF}, // never masked
+        {TVT_UINT, 0xFFFFFFFF, 40, 0xFF}, {TVT_ULONG, ~0ull, 12, 0xFFF},
         // Signed: a set bit (bits - 1) fills every higher bit; a clear one leaves the upper bits as they are.
         {TVT_INT, 0xABABABAB0000000F, 4, 0xABABABABFFFFFFFF}, {TVT_INT, 5, 0, 5}, {TVT_SHORT, 0x80, 8, 0xFF80},
         {TVT_CHAR, 0xABABABABABABAB08, 4, 0xABABABABABABABF8}, {TVT_LONG, 0x8000, 16, 0xFFFFFFFFFFFF8000},
-        {TVT_LONGLONG, 0xF0, 4, 0xF0}, {TVT_BOOL, 0xFF, 4, 0xFF}, {kUnknownTag, 0xFF, 4, 0xFF}, // refused
+        {TVT_LONGLONG, 0xF0, 4, 0xF0},
+        // Never masked (on purpose), then refused.
+        {TVT_USHORT, 0xFFFF, 8, 0xFFFF}, {TVT_BOOL, 0xFF, 4, 0xFF}, {kUnknownTag, 0xFF, 4, 0xFF},
     };
     for (const auto& [tag, before, bits, after] : rows) {
         Variant v;
@@ -112,11 +111,11 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
 }
 
 TEST(VariantTypeNames, EveryTagHasItsNameBothWaysAndNothingElseMatches) {
-    const char* const names[] = {"char",         "unsigned char", "short",     "unsigned short",
-                                 "int",          "unsigned int",  "long",      "unsigned long",
-                                 "long long",    "unsigned long long", "float", "double", "string", "bool"};
+    const char* const names[] = {"char", "unsigned char", "short", "unsigned short", "int", "unsigned int",
+                                 "long", "unsigned long", "long long", "unsigned long long", "float", "double",
+                                 "string", "bool"};
     for (TVARTYPE tag = TVT_CHAR; tag <= TVT_BOOL; ++tag) {
-        const auto display = [tag](char* buffer, unsigned long& n) { return variant_resolve_display_type(tag, buffer, &n); };
+        const auto display = [tag](char* t, unsigned long& n) { return variant_resolve_display_type(tag, t, &n); };
         TVARTYPE found = 0;
         EXPECT_EQ(textFrom(display), names[tag - 1]);
         EXPECT_TRUE(variant_resolve_type(names[tag - 1], &found)) << names[tag - 1];

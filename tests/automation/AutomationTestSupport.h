@@ -22,7 +22,6 @@ struct Variant {
     ~Variant() { variant_clear(&record); }
     Variant(const Variant&) = delete;
     tagTVARIANT* get() { return &record; }
-    tagTVARIANT* operator->() { return &record; }
     tagTVARIANT record;
 };
 

@@ -69,14 +69,13 @@ TEST(BStrEqual, NullAndEmptyStatesThenLengthAndBytes) {
         {nullptr, none.get(), false},    {none.get(), nullptr, false},     {none.get(), none2.get(), true},
         {none.get(), empty.get(), false}, {empty.get(), none.get(), false}, {abc.get(), abc2.get(), true},
         {abc.get(), abd.get(), false},   {abc.get(), ab.get(), false}};
-    int row = 0;
-    for (const auto& [a, b, equal] : handles)
-        EXPECT_EQ(bstr_equal_bstr(a, b), equal) << "handles row " << row++;
+    for (const auto& r : handles)
+        EXPECT_EQ(bstr_equal_bstr(std::get<0>(r), std::get<1>(r)), std::get<2>(r)) << "row " << &r - handles;
     const std::tuple<bstr_handle*, const bstrunit*, bool> units[] = {
         {nullptr, withNul.get(), false}, {none.get(), nullptr, true}, {none.get(), withNul.get(), false},
         {ab.get(), nullptr, false}, {ab.get(), withNul.get(), true}, {ab.get(), noNul.get(), false}};
-    for (const auto& [a, b, equal] : units)
-        EXPECT_EQ(bstr_equal_bstrunit(a, b), equal) << "units row " << row++;
+    for (const auto& r : units)
+        EXPECT_EQ(bstr_equal_bstrunit(std::get<0>(r), std::get<1>(r)), std::get<2>(r)) << "row " << &r - units;
 }
 
 TEST(VariantInitAndClear, ZeroTheRecordButAStringKeepsItsPadding) {
@@ -101,12 +100,12 @@ TEST(VariantSetters, APresetTypeNeverCoercesTheValueAndTextsAreCopied) {
     Variant v, copy;
     variant_set_double(v.get(), 9.5, true);
     variant_set_char(v.get(), -1, false);
-    EXPECT_EQ(v->value.bits, 0xFFu) << describe(v.get());
+    EXPECT_EQ(v.record.value.bits, 0xFFu) << describe(v.get());
     variant_set_string(v.get(), longText.c_str(), false);
     // A source inside the variant's own unit is read before it is freed.
-    variant_set_string(v.get(), bstrunit_data(v->value.bstrVal), true);
-    variant_set_bstrunit(v.get(), v->value.bstrVal);
-    EXPECT_EQ(std::string(bstrunit_data(v->value.bstrVal), v->value.bstrVal->length), longText + '\0');
+    variant_set_string(v.get(), bstrunit_data(v.record.value.bstrVal), true);
+    variant_set_bstrunit(v.get(), v.record.value.bstrVal);
+    EXPECT_EQ(std::string(bstrunit_data(v.record.value.bstrVal), v.record.value.bstrVal->length), longText + '\0');
     // Copies of a text are deep: the variant_text fuzz target frees both.
     variant_set_variant(copy.get(), v.get());
     EXPECT_EQ(describe(copy.get()), "string:'" + longText + "'");

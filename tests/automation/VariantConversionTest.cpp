@@ -54,7 +54,7 @@ TEST(VariantConversionMatrix, EveryTargetGivesItsValueOrIsRefusedUntouched) {
             const bool untouched = std::memcmp(&before, v.get(), sizeof before) == 0;
             EXPECT_TRUE(untouched || (converted && before.vt != target)) << "record changed";
             const std::string result = describe(v.get());
-            EXPECT_EQ(v->vt != target ? "no" : result.substr(result.find(':') + 1), expected);
+            EXPECT_EQ(v.record.vt != target ? "no" : result.substr(result.find(':') + 1), expected);
         }
     }
 }
@@ -106,7 +106,7 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
         raw(tag, before)(v.get());
         SCOPED_TRACE(describe(v.get()) + " to " + std::to_string(bits) + " bits");
         EXPECT_EQ(variant_ajust_data_value(v.get(), bits), tag >= TVT_CHAR && tag <= TVT_ULONGLONG);
-        EXPECT_EQ(v->value.bits, after);
+        EXPECT_EQ(v.record.value.bits, after);
     }
 }
 

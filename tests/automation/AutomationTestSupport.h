@@ -20,7 +20,6 @@ constexpr TVARTYPE kUnknownTag = 99; // no variant type uses it
 struct Variant {
     Variant() { variant_init(&record); }
     ~Variant() { variant_clear(&record); }
-    Variant(const Variant&) = delete;
     tagTVARIANT* get() { return &record; }
     tagTVARIANT record;
 };

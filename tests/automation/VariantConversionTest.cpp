@@ -98,13 +98,13 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
     const std::tuple<TVARTYPE, uint64_t, uint32_t, uint64_t> rows[] = { // tag, value union before, bits, after
         // Unsigned 32/64-bit keep the low bits (the shift is taken modulo the width); bytes above stay.
         {TVT_UINT, 0xABABABABFFFFFFFF, 8, 0xABABABAB000000FF}, {TVT_UINT, 0xFFFFFFFF, 0, 0xFFFFFFFF},
-        {TVT_UINT, 0xFFFFFFFF, 40, 0xFF}, {TVT_ULONG, ~0ull, 12, 0xFFF},
+        {TVT_UINT, 0xFFFFFFFF, 40, 0xFF}, {TVT_ULONG, ~0ull, 12, 0xFFF}, {TVT_ULONGLONG, ~0ull, 4, 0xF},
         // Signed: a set bit (bits - 1) fills every higher bit; a clear one leaves the upper bits as they are.
         {TVT_INT, 0xABABABAB0000000F, 4, 0xABABABABFFFFFFFF}, {TVT_INT, 5, 0, 5}, {TVT_SHORT, 0x80, 8, 0xFF80},
         {TVT_CHAR, 0xABABABABABABAB08, 4, 0xABABABABABABABF8}, {TVT_LONG, 0x8000, 16, 0xFFFFFFFFFFFF8000},
-        {TVT_LONGLONG, 0xF0, 4, 0xF0},
-        // Never masked (on purpose), then refused.
-        {TVT_USHORT, 0xFFFF, 8, 0xFFFF}, {TVT_BOOL, 0xFF, 4, 0xFF}, {kUnknownTag, 0xFF, 4, 0xFF},
+        {TVT_LONGLONG, 0xF0, 4, 0xF0}, {TVT_BOOL, 0xFF, 4, 0xFF}, {kUnknownTag, 0xFF, 4, 0xFF},
+        // Byte and unsigned short are never masked, on purpose; bool and unknown tags (above) are refused.
+        {TVT_USHORT, 0x0180, 8, 0x0180}, {TVT_BYTE, 0x18, 4, 0x18},
     };
     for (const auto& [tag, before, bits, after] : rows) {
         Variant v;

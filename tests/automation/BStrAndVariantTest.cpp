@@ -21,8 +21,8 @@ Bstr bstr(const char* text = nullptr) {
 }
 
 TEST(BStrSetters, CopyTheSourceAsItStandsAndAttachAndDetachMoveTheUnitItself) {
-    // The copies' bytes (the NUL counted, embedded NULs kept) are checked
-    // with the variant's setters and the safe_array fuzz target.
+    // The copies' bytes (the NUL counted, a unit copied by its length) are
+    // checked with the variant's setters and the safe_array fuzz target.
     const Bstr h = bstr(), source = bstr("text"), none = bstr();
     // A null handle reports whether there was nothing to set (the null-source
     // results are in BoolResultTest).

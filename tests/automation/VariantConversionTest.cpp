@@ -1,7 +1,7 @@
-// variant_change_type: every source and target pair of the conversion
-// matrix, then the edges of parsing, float truncation and long texts;
-// bit-width narrowing and the type-name table. Integer
-// text read back as the same integer is the variant_text fuzz target's.
+// variant_change_type: every target for each kind of source, then the edges
+// of parsing, float truncation and long texts; bit-width narrowing and the
+// type-name table. Integer text read back as the same integer, for any
+// integer, is the variant_text fuzz target's.
 #include <gtest/gtest.h>
 
 #include <cfloat>

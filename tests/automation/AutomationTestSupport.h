@@ -1,4 +1,4 @@
-// What the automation tests share: records and handles that clean up after
+// What the automation tests share: records and units that clean up after
 // themselves, and a variant's value as text, worked out independently of the
 // library's own tables so that it can judge the library's results.
 #ifndef KORVANE_TESTS_AUTOMATION_TEST_SUPPORT_H
@@ -20,9 +20,7 @@ constexpr TVARTYPE kUnknownTag = 99; // no variant type uses it
 struct Variant {
     Variant() { variant_init(&record); }
     ~Variant() { variant_clear(&record); }
-    Variant(const Variant&) = delete;
     tagTVARIANT* get() { return &record; }
-    tagTVARIANT* operator->() { return &record; }
     tagTVARIANT record;
 };
 
@@ -36,6 +34,12 @@ inline Filler text(const char* t) { return [t](tagTVARIANT* v) { variant_set_str
 // A record built by hand: any tag over any 64-bit value.
 inline Filler raw(TVARTYPE tag, uint64_t bits) { return [=](tagTVARIANT* v) { v->vt = tag, v->value.bits = bits; }; }
 
+// Owns a handle whose destroy function takes the handle's address.
+template <class Handle, void (*destroy)(Handle**)>
+struct Destroyer {
+    void operator()(Handle* handle) const { destroy(&handle); }
+};
+
 struct UnitFree {
     void operator()(bstrunit* unit) const { bstrunit_free(unit); }
 };
@@ -46,7 +50,6 @@ inline Unit rawUnit(const std::string& bytes) {
     std::memcpy(bstrunit_data(unit.get()), bytes.data(), bytes.size());
     return unit;
 }
-inline std::string bytesOf(const bstrunit* unit) { return std::string(bstrunit_data(unit), unit->length); }
 
 // "int:-7", "char:200" (a char shows its unsigned byte), "float:-2.75",
 // "string:'abc'" (up to the first NUL), "string:null", "empty", "tag99:0x2a".
@@ -55,15 +58,15 @@ inline std::string describe(const tagTVARIANT* v) {
                                         "ulong", "ll",   "ull",  "float",  "double", "string", "bool"};
     static const unsigned widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1};
     const bstrunit* unit = v->value.bstrVal;
-    const bool isSigned = v->vt == TVT_SHORT || v->vt == TVT_INT || v->vt == TVT_LONG || v->vt == TVT_LONGLONG;
     char value[400] = "null";
-    if (v->vt == TVT_EMPTY || v->vt > TVT_BOOL) {
+    if (v->vt == TVT_EMPTY || v->vt > TVT_BOOL)
         std::snprintf(value, sizeof value, v->vt ? "tag%u:0x%llx" : "empty", v->vt, (unsigned long long)v->value.bits);
+    if (v->vt == TVT_EMPTY || v->vt > TVT_BOOL)
         return value;
-    }
-    const unsigned shift = 64 - 8 * widths[v->vt];
     if (v->vt == TVT_STRING && unit != nullptr)
         return "string:'" + std::string(bstrunit_data(unit), strnlen(bstrunit_data(unit), unit->length)) + "'";
+    const unsigned shift = 64 - 8 * widths[v->vt];
+    const bool isSigned = v->vt == TVT_SHORT || v->vt == TVT_INT || v->vt == TVT_LONG || v->vt == TVT_LONGLONG;
     if (v->vt == TVT_FLOAT || v->vt == TVT_DOUBLE)
         std::snprintf(value, sizeof value, "%.*g", v->vt == TVT_FLOAT ? 9 : 17,
                       v->vt == TVT_FLOAT ? double(v->value.floatVal) : v->value.doubleVal);
@@ -74,38 +77,13 @@ inline std::string describe(const tagTVARIANT* v) {
     return std::string(names[v->vt]) + ":" + value;
 }
 
-template <class Interface>
-struct Release {
-    void operator()(Interface* object) const { object->releaseRef(); }
-};
-using Reader = std::unique_ptr<IVariantRead, Release<IVariantRead>>;
-using Writer = std::unique_ptr<IVariantWrite, Release<IVariantWrite>>;
-struct WrapperDestroyer {
-    void operator()(variant_wrapper_handle* handle) const { variant_wrapper_destroy(&handle); }
-};
-using Wrapper = std::unique_ptr<variant_wrapper_handle, WrapperDestroyer>;
-
-// A wrapper borrowing `v` that hands out both interfaces.
-inline Wrapper wrapperOver(tagTVARIANT* v) {
-    Wrapper wrapper(variant_wrapper_create());
-    variant_wrapper_set_mode(wrapper.get(), true, true);
-    variant_wrapper_set_wrapper_value(wrapper.get(), v, false);
-    return wrapper;
-}
-
-// Text through the caller-buffer protocol: the size, then the text into a
-// buffer of exactly that size; a buffer one byte short must then be refused,
-// untouched, its size left alone. A step that goes wrong names itself.
+// Text through the caller-buffer protocol, into a buffer large enough. The
+// size query and the refusals are the shared protocol's, tested once with the
+// environment getter.
 inline std::string textFrom(const std::function<bool(char*, unsigned long&)>& get) {
-    unsigned long length = 0, size = 0;
-    if (!get(nullptr, length) || length == 0)
-        return "<no size>";
-    std::string text(length, '#'), tooSmall = text;
-    if (!get(&text[0], size = length) || size != length || text.back() != '\0')
-        return "<exact buffer not filled>";
-    if (get(&tooSmall[0], size = length - 1) || size != length - 1 || tooSmall != std::string(length, '#'))
-        return "<short buffer not refused untouched>";
-    return text.c_str();
+    char text[64] = "<not written>";
+    unsigned long length = sizeof text;
+    return get(text, length) ? text : "<refused>";
 }
 
 } // namespace autotest

@@ -1,0 +1,205 @@
+// Safe arrays, what the safe_array fuzz target's model does not see (element
+// widths, snapshots that outlive changes to the array: bounds, contents,
+// resize, types without storage and string ownership are checked by that
+// target against its model, with the leak checker on); the library's reader
+// and writer, an application's own reader, and the variant wrapper that binds
+// a variant to them and hands them out.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+#include "AutomationTestSupport.h"
+#include "automation/SafeArrayInternal.h"
+#include "automation/VariantInterfaces.h"
+
+namespace {
+
+using namespace autotest;
+using Log = std::vector<std::string>;
+
+using Array = std::unique_ptr<safearray_handle, Destroyer<safearray_handle, safearray_destroy>>;
+
+// The snapshots still recorded. The class's type information stays inside the
+// library, so this is exempt from the sanitizer's dynamic-type check.
+__attribute__((no_sanitize("vptr"))) size_t snapshotsOf(const safearray_handle* h) { return h->blocks.size(); }
+
+// Each type's width, which the variant reports too.
+TEST(SafeArrayElements, GetCopiesNoMoreThanTheElementsWidth) {
+    const size_t widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 0, 1}; // by tag
+    const unsigned char pattern[8] = {0x01, 0x82, 0x43, 0xC4, 0x25, 0xA6, 0x67, 0xE8};
+    for (TVARTYPE type = TVT_CHAR; type <= TVT_BOOL; type += type == TVT_DOUBLE ? 2 : 1) {
+        Array array(safearray_create(type, 3));
+        std::vector<unsigned char> out(16, 0xEE);
+        EXPECT_TRUE(safearray_set_element(array.get(), 1, pattern));
+        EXPECT_TRUE(safearray_get_element(array.get(), 1, out.data()));
+        EXPECT_EQ(std::memcmp(out.data(), pattern, widths[type]), 0) << type;
+        EXPECT_EQ(out[widths[type]], 0xEE) << type;
+        uint32_t bits = 0;
+        EXPECT_TRUE(variant_get_datatype_size(type, &bits));
+        EXPECT_EQ(bits, 8 * widths[type]) << type;
+    }
+    uint32_t bits = 77;
+    EXPECT_FALSE(variant_get_datatype_size(TVT_STRING, &bits)) << "no scalar width";
+    EXPECT_EQ(bits, 0u);
+}
+
+// Destroy releasing the snapshots still out is the fuzz target's.
+TEST(SafeArraySnapshot, CopiesKeptUntilOneUnaccessReleasesThemAll) {
+    Array array(safearray_create(TVT_INT, 3));
+    const int ten = 10;
+    safearray_set_element(array.get(), 1, &ten);
+    void *first = nullptr, *second = nullptr;
+    safearray_access_element(array.get(), &first);
+    safearray_access_element(array.get(), &second);
+    static_cast<int*>(first)[1] = 99;
+    safearray_resize(array.get(), 8);
+    safearray_clear(array.get());
+    EXPECT_EQ(static_cast<int*>(second)[1], 10) << "each snapshot is a copy, left alone by resize and clear";
+    EXPECT_EQ(snapshotsOf(array.get()), 2u);
+    EXPECT_TRUE(safearray_unaccess_element(array.get()));
+    EXPECT_EQ(snapshotsOf(array.get()), 0u);
+}
+
+template <class Interface>
+struct Release {
+    void operator()(Interface* object) const { object->releaseRef(); }
+};
+using Reader = std::unique_ptr<IVariantRead, Release<IVariantRead>>;
+using Writer = std::unique_ptr<IVariantWrite, Release<IVariantWrite>>;
+using Wrapper = std::unique_ptr<variant_wrapper_handle, Destroyer<variant_wrapper_handle, variant_wrapper_destroy>>;
+void* slotOf(void* object, int slot) { return (*static_cast<void***>(object))[slot]; }
+
+// Applications built without this header call the operations by their fixed
+// slot numbers. The reader's, over -1.0: how many bytes each writes and the
+// last of them (0xFF for -1, 0 where an unsigned type cannot hold it, the
+// float's sign byte, a text's NUL); they resolve a private copy, checked
+// below with a string. The writer's setters: the tag each leaves.
+TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWrittenByTheWriter) {
+    Variant v;
+    variant_set_double(v.get(), -1.0, true);
+    const Wrapper wrapper(variant_wrapper_create());
+    variant_wrapper_set_mode(wrapper.get(), true, true);
+    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
+    IVariantRead* r = variant_wrapper_get_variantread(wrapper.get());
+    const Reader reader(r);
+    const Writer w(variant_wrapper_get_variantwrite(wrapper.get()));
+    std::vector<std::string> written;
+    for (int slot = 3; slot <= 17; ++slot) {
+        std::vector<unsigned char> buffer(16, 0xEE);
+        unsigned long length = buffer.size();
+        reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slotOf(r, slot))(r, buffer.data(), &length);
+        const size_t n = std::find(buffer.begin(), buffer.end(), 0xEE) - buffer.begin();
+        written.push_back(std::to_string(n) + ":" + std::to_string(n ? buffer[n - 1] : 0));
+    }
+    EXPECT_EQ(written, (std::vector<std::string>{"7:0", "1:0", "1:0", "2:0", "2:255", "4:0", "4:255", "8:0", "8:255",
+                                                 "8:0", "8:255", "4:191", "8:191", "10:0", "1:1"}));
+    std::vector<int> tags;
+    alignas(256) static const char text[] = "7"; // the text setter's; a byte setter sees the low byte, 0
+    for (int slot = 4; slot <= 17; ++slot) {
+        reinterpret_cast<bool (*)(IVariantWrite*, const char*, bool)>(slotOf(w.get(), slot))(w.get(), text, true);
+        tags.push_back(v.record.vt);
+    }
+    EXPECT_EQ(tags, (std::vector<int>{2, 1, 4, 3, 6, 5, 8, 7, 10, 9, 11, 12, 13, 14}));
+    void* found = nullptr;
+    EXPECT_FALSE(r->queryInterface("IVariantWrite", &found));
+    EXPECT_TRUE(r->queryInterface("IBase", &found));
+    EXPECT_TRUE(w->queryInterface("IVariantWrite", &found));
+    EXPECT_EQ(found, w.get());
+    EXPECT_EQ(w->releaseRef(), 2) << "the wrapper's and the hand-out's remain";
+    EXPECT_EQ(r->releaseRef(), 2);
+    // An unknown tag has no type name and no text; the type names the writer takes.
+    raw(kUnknownTag, 7)(v.get());
+    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getType(buffer, n); }), "");
+    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getValue(buffer, n); }), "");
+    EXPECT_TRUE(w->setValue("7", true));
+    EXPECT_TRUE(w->setValue((const char*)nullptr, true)); // changes nothing
+    // The getters resolve a private copy: the variant keeps its very unit.
+    const tagTVARIANT before = *v.get();
+    EXPECT_EQ(variant_resolve_as_int(v.get()), 7);
+    EXPECT_EQ(std::memcmp(&before, v.get(), sizeof before), 0);
+    EXPECT_EQ(describe(v.get()), "string:'7'");
+    EXPECT_TRUE(w->setType("unsigned int"));
+    EXPECT_TRUE(w->setType("integer")) << "refused, yet true, on purpose";
+    EXPECT_EQ(describe(v.get()), "uint:7");
+}
+
+// An application's own reader, here the library's over a variant of the
+// test's, with a type name and a last release of its own.
+class AppReader : public CVariantRead {
+public:
+    AppReader(Log& log, std::string type, bool withNul) : log(log), type(std::move(type)), withNul(withNul) {}
+    bool getType(char* buffer, unsigned long& length) override {
+        if (buffer != nullptr && length >= type.size() + 1) // a name without its NUL must do too
+            std::memcpy(buffer, type.c_str(), type.size() + (withNul ? 1 : 0));
+        length = type.size() + 1;
+        return type != "<silent>";
+    }
+    void onFinalRelease() override { log.push_back("final release"); }
+    Log& log;
+    std::string type;
+    bool withNul;
+
+protected:
+    ~AppReader() override { log.push_back("destroyed"); }
+};
+
+// variant_set_variantread asks for the type name and calls the getter of that
+// type to write the value; an unknown name leaves the variant empty. The
+// stub's last release runs its hook, then deletes.
+TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnceBeforeDeletion) {
+    const std::tuple<const char*, bool, Filler, const char*> rows[] = {
+        {"char", true, setTo(variant_set_int, 65), "char:65"}, {"string", false, text("22.5 C"), "string:'22.5 C'"},
+        {"Int", true, text("1"), "empty"}, {"<silent>", true, text("1"), "empty"}};
+    for (const auto& [type, withNul, make, expected] : rows) {
+        Log log;
+        Variant source, v;
+        make(source.get());
+        AppReader* app = new AppReader(log, type, withNul);
+        app->setWrapperValue(source.get());
+        variant_set_string(v.get(), "old", true); // freed by the fill, or the leak checker complains
+        variant_set_variantread(v.get(), app);
+        EXPECT_EQ(describe(v.get()), expected) << type;
+        EXPECT_EQ(app->releaseRef(), 0);
+        EXPECT_EQ(log, (Log{"final release", "destroyed"})) << type;
+    }
+}
+
+// A borrowed value is written in place; a copy, a clone's included, is the
+// wrapper's own and freed with it (the leak checker sees to that). The null
+// handles' results are in BoolResultTest.
+TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
+    Variant v;
+    variant_set_string(v.get(), "42", true);
+    Wrapper wrapper(variant_wrapper_create());
+    EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr) << "readable only when new";
+    EXPECT_NE(Reader(variant_wrapper_get_variantread(wrapper.get())), nullptr);
+    EXPECT_FALSE(variant_wrapper_set_type(wrapper.get(), "int")) << "nothing bound";
+    variant_wrapper_set_mode(wrapper.get(), false, true);
+    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
+    EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "short"));
+    EXPECT_EQ(describe(v.get()), "short:42");
+    const auto typeName = [&](char* t, unsigned long& n) { return variant_wrapper_get_type(wrapper.get(), t, &n); };
+    EXPECT_EQ(textFrom(typeName), "short");
+    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), true);
+    tagTVARIANT* owned = variant_wrapper_get_wrapper_value(wrapper.get());
+    const Writer writer(variant_wrapper_get_variantwrite(wrapper.get()));
+    EXPECT_TRUE(writer->setValue(7, true));
+    EXPECT_EQ(describe(owned), "int:7");
+    EXPECT_EQ(describe(v.get()), "short:42");
+    variant_wrapper_set_wrapper_value(wrapper.get(), owned, true); // its own copy again: kept
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), owned);
+    const Wrapper clone(variant_wrapper_clone(wrapper.get()));
+    EXPECT_EQ(describe(variant_wrapper_get_wrapper_value(clone.get())), "int:7");
+    EXPECT_EQ(variant_wrapper_get_variantread(clone.get()), nullptr) << "the clone keeps the mode";
+    variant_wrapper_set_wrapper_value(wrapper.get(), nullptr, true);
+    EXPECT_FALSE(writer->setValue(1, true)) << "the writer follows the wrapper's binding";
+    // A held interface outlives the wrapper, unbound; a borrowed value stays.
+    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
+    wrapper.reset();
+    EXPECT_FALSE(writer->setValue(1, true));
+    EXPECT_EQ(describe(v.get()), "short:42");
+}
+
+} // namespace

@@ -38,6 +38,11 @@ const char* const kNames[kKinds] = {"chaos_mutex", "chaos_recursive", "chaos_rw"
 // What a worker is doing, read by the supervisor while the worker is stopped.
 enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical, kHoldingToken };
 
+// What a worker does now, told when it does not finish.
+enum Operation : int { kLooping, kMutex, kRecursive, kReading, kWriting, kSemaphore, kEvents, kRecreating };
+const char* const kOperationNames[] = {"looping", "mutex", "recursive mutex", "rw read", "rw write",
+                                       "semaphore", "events", "create/destroy"};
+
 // Owner words are (slot << 32 | pid), 0 when nobody is inside.
 struct Shared {
     std::atomic<unsigned long long> operations, violations, repaired, longestWaitNs;
@@ -45,7 +50,7 @@ struct Shared {
     std::atomic<uint64_t> manualState; // odd while set; changes before every reset
     std::atomic<int64_t> autoSets, autoTaken, lastFaultNs;
     std::atomic<int> tokensHeld, quiet, stop;
-    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers];
+    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers], operation[kMaxWorkers];
 };
 
 Shared* shared = nullptr;
@@ -196,6 +201,7 @@ void setOrResetManual(Handles& h) {
 // A holder killed inside a reader-writer lock keeps it for ever (its count
 // and flag are not robust), so these sections are never killed.
 void rwSection(Handles& h, bool write) {
+    shared->operation[mySlot] = write ? kWriting : kReading;
     shared->phase[mySlot] = kUnaccounted;
     timed([&] { (write ? os_rw_mutex_lock_wr : os_rw_mutex_lock_rd)(h.rw); return 0; });
     for (auto& reader : shared->readers)
@@ -263,6 +269,8 @@ int workerMain(int slot, bool timer) {
     }
     for (; !shared->stop; shared->operations++) {
         const int choice = pick(12);
+        shared->operation[mySlot] = choice < 2 ? kMutex : choice < 4 ? kRecursive : choice < 8 ? kSemaphore
+                                    : choice < 11 ? kEvents : kRecreating; // rwSection tells its own
         if (choice < 2)
             exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex",
                       [&] { setOrResetManual(h); });
@@ -306,11 +314,14 @@ pid_t spawn(const std::string& program, const char* argument) {
     return pid;
 }
 
-// Waits at most `seconds` for `pid`, then kills it; true when it exited 0.
-bool reap(pid_t pid, int seconds) {
+// Waits at most `seconds` for `pid`, then tells `stuck` and kills it; true
+// when it exited 0.
+bool reap(pid_t pid, int seconds, const std::function<void()>& stuck = {}) {
     int status = 0;
     for (int i = 0; waitpid(pid, &status, WNOHANG) == 0; ++i) {
         if (i == seconds * 100) {
+            if (stuck)
+                stuck();
             kill(pid, SIGKILL);
             return waitpid(pid, &status, 0) < 0;
         }
@@ -402,6 +413,31 @@ void injectFault(Handles& held, int workers, bool reclaim) {
     shared->lastFaultNs = nowNs();
 }
 
+// Tells what a worker that does not finish was doing: its operation, where
+// the kernel has it sleep, and which mapping (a named object, at which
+// offset) holds the word of the call it is blocked in.
+void reportStuck(int slot) {
+    const std::string proc = "/proc/" + std::to_string(shared->pid[slot]) + "/";
+    auto firstLine = [&](const char* file) {
+        std::ifstream in(proc + file);
+        std::string line;
+        std::getline(in, line);
+        return line;
+    };
+    const std::string syscall = firstLine("syscall");
+    std::string where = "no mapping";
+    unsigned long long word = 0, start = 0, end = 0, offset = 0;
+    std::sscanf(syscall.c_str(), "%*d %llx", &word);
+    std::ifstream maps(proc + "maps");
+    for (std::string line; std::getline(maps, line);)
+        if (std::sscanf(line.c_str(), "%llx-%llx %*s %llx", &start, &end, &offset) == 3 && word >= start && word < end)
+            where = line.substr(line.find_last_of(' ') + 1) + " +" + std::to_string(word - start + offset);
+    std::fprintf(stderr, "chaos: worker %d did not finish: %s, phase %d, state %s, wchan %s, syscall %s (%s)\n",
+                 shared->pid[slot].load(), kOperationNames[shared->operation[slot]], shared->phase[slot].load(),
+                 firstLine("stat").substr(firstLine("stat").rfind(") ") + 2, 1).c_str(), firstLine("wchan").c_str(),
+                 syscall.c_str(), where.c_str());
+}
+
 int namesLeft() {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
@@ -448,7 +484,7 @@ int main(int argc, char** argv) {
     shared->stop = 1;
     int unfinished = 0, tokens = 0;
     for (int slot = 0; slot < workers; ++slot)
-        unfinished += !reap(shared->pid[slot], 20);
+        unfinished += !reap(shared->pid[slot], 20, [slot] { reportStuck(slot); });
     while (os_semaphore_wait_timeout(held.semaphore, deadlineIn(0)))
         ++tokens;
     if (tokens != kTokens)

@@ -105,6 +105,9 @@ void storeChannelWord(uint8_t* channel, size_t offset, uint32_t value);
 // The start time of a running process (field 22 of /proc/<pid>/stat); 0 when
 // no such process runs (a zombie has ended) or /proc cannot be read.
 uint64_t processStartTime(pid_t pid);
+// This process as the channel records its lock holder. Read once per
+// process: a forked child has its own pid and start time.
+LockHolder thisProcess();
 
 // The memory request in the channel memory. A create request carries its
 // name from byte 8 (after the size), a destroy request from byte 4 (it has no
@@ -125,6 +128,15 @@ size_t channelMappedBytes();
 // Write a request into the channel memory; false (nothing written) when the
 // name would end beyond the mapping.
 bool writeMemoryRequest(uint8_t* channel, const MemoryRequest& request);
+// The request exchange of every channel client, with the channel's lock
+// held: drains the answers left for clients that gave up, writes the
+// request, numbers it (the manager echoes the number, so an older answer is
+// told apart and waited past), posts it and waits until `deadline`
+// (realtime, signals resumed) for its answer. A request the manager has not
+// picked up by then is taken back. True when answered; false also when the
+// name does not fit the channel (nothing is sent then).
+bool exchangeRequest(uint8_t* channel, sem_t* requestSemaphore, sem_t* finishSemaphore,
+                     const MemoryRequest& request, const timespec& deadline);
 // Reads the request as the manager sees it; the name is read no further than
 // the mapping.
 MemoryRequest readMemoryRequest(const uint8_t* channel);

@@ -249,11 +249,24 @@ sem_t* openSemaphore(const char* name, unsigned int value) {
     return nullptr;
 }
 
+// Which file the channel's lock semaphore is now; {0, 0} when there is none.
+FileIdentity lockFileIdentity() {
+    struct stat status {};
+    if (stat((std::string("/dev/shm/sem.") + kLockSemaphoreName).c_str(), &status) != 0)
+        return FileIdentity{};
+    return FileIdentity{status.st_dev, status.st_ino};
+}
+
 } // namespace
 
 bool CSyncClient::create() {
     destroy();
+    // The file is looked at before and after the open: when both agree, it
+    // is the one opened; otherwise a manager is replacing the channel just
+    // now, and the identity stays unknown.
+    const FileIdentity before = lockFileIdentity();
     lockSemaphore = openSemaphore(kLockSemaphoreName, 1);
+    lockFile = before == lockFileIdentity() ? before : FileIdentity{};
     requestSemaphore = openSemaphore(kRequestSemaphoreName, 0);
     finishSemaphore = openSemaphore(kFinishSemaphoreName, 0);
     channelMemory = os_sharememory_open(kChannelMemoryName);
@@ -284,15 +297,29 @@ uint8_t* channelOf(const CSyncClient& client) {
 
 } // namespace
 
-void CSyncClient::lockChannel() {
+bool CSyncClient::lockChannel() {
     if (lockSemaphore == nullptr)
-        return;
+        return false;
     // Going on without the lock would let two clients share the channel and
-    // an open count; a signal must not end this wait.
-    while (sem_wait(lockSemaphore) != 0 && errno == EINTR) {
+    // an open count, so the wait has no time limit and a signal does not
+    // end it. It ends without the lock only when the lock's name has come to
+    // name another file, or none: the manager that made this lock has
+    // stopped, and a holder that died with it would never give it back (the
+    // manager that gives back dead holders' locks watches its own).
+    constexpr long kSliceNanoseconds = 200000000;
+    for (;;) {
+        timespec slice{};
+        os_clock_get_time(CLOCK_REALTIME, &slice);
+        slice.tv_nsec += kSliceNanoseconds;
+        os_clock_adjust_clock_time(&slice);
+        if (waitUntil(lockSemaphore, slice))
+            break;
+        if (lockFile.inode == 0 || !(lockFileIdentity() == lockFile))
+            return false;
     }
     if (uint8_t* channel = channelOf(*this))
         writeLockHolder(channel, thisProcess());
+    return true;
 }
 
 void CSyncClient::unlockChannel() {
@@ -374,8 +401,9 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
     OS::CSyncClient client;
     if (!client.create())
         return false;
+    if (!client.lockChannel())
+        return false;
     named.name = name;
-    client.lockChannel();
     key_t key = -1;
     bool usable = client.requestCreate(name, requestSize);
     if (usable && ftokFamily != nullptr) {
@@ -407,9 +435,9 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
 void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy) {
     if (named.memory != nullptr) {
         OS::CSyncClient client;
-        // Without a channel the count is left as it stands; the mapping goes.
-        if (client.create()) {
-            client.lockChannel();
+        // Without a channel, or with one whose manager has gone, the count is
+        // left as it stands; the mapping goes.
+        if (client.create() && client.lockChannel()) {
             uint32_t& count = named.openCount();
             count -= 1;
             if (count == 0) {

@@ -26,6 +26,13 @@
 
 namespace OS {
 
+// A file as the platform names it, to tell a name's file from a later one.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
+};
+
 // The client side of the sync channel, alive for one create or release.
 class CSyncClient {
 public:
@@ -42,11 +49,14 @@ public:
     ~CSyncClient() { destroy(); }
 
     // The channel's lock semaphore, taken without a time limit (a signal
-    // does not end the wait) and given back. Nothing happens when it is not
-    // open. While it holds the lock the client records this process (pid and
-    // start time) past the request in the channel page, so that a manager
-    // can give the lock back once this process has died holding it.
-    void lockChannel();
+    // does not end the wait) and given back. While it holds the lock the
+    // client records this process (pid and start time) past the request in
+    // the channel page, so that a manager can give the lock back once this
+    // process has died holding it. lockChannel is false, without the lock,
+    // when the lock is not open or when, while waiting, its name came to
+    // name another file or none (the manager that made it has stopped);
+    // unlockChannel is for a client that holds the lock.
+    bool lockChannel();
     void unlockChannel();
     // With the channel locked: writes a create (or destroy) request, posts
     // the request semaphore and waits for the manager's answer on the
@@ -63,6 +73,7 @@ public:
     sem_t* requestSemaphore = nullptr;
     sem_t* finishSemaphore = nullptr;
     sharememory_handle* channelMemory = nullptr;
+    FileIdentity lockFile; // the lock semaphore's file when opened; unknown: {0, 0}
 };
 
 } // namespace OS

@@ -4,7 +4,7 @@
 // Every guarded section checks invariants kept in a mapping of this program's
 // own. Ends with one line of figures; exits 0 only when the run passed.
 // scripts/chaos.sh runs it with a private /dev/shm and explains the arguments:
-//   korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING(0|1) RECLAIM(0|1) SEED
+//   korvane_chaos SYNCD SHM SECONDS WORKERS SEED
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -301,7 +301,6 @@ struct Faults {
     int kills, inSections, inChannel, stops, managerStops, restarts, reclaims, timers;
 } faults {};
 std::string syncd, shm;
-bool hardening = false;
 pid_t manager = -1;
 
 pid_t spawn(const std::string& program, const char* argument) {
@@ -368,12 +367,12 @@ void killWorker(Handles& held, int slot) {
             return startWorker(slot);
         }
         phase = shared->phase[slot];
-        if (phase >= kCritical || (phase == kChannel && hardening) || tries == 1)
+        if (phase >= kCritical || phase == kChannel || tries == 1)
             break;
         kill(pid, SIGCONT);
         usleep(pick(2000));
     }
-    if (phase == kUnaccounted || (phase == kChannel && !hardening)) {
+    if (phase == kUnaccounted) {
         faults.stops++;
         kill(pid, SIGCONT);
         return;
@@ -391,8 +390,8 @@ void killWorker(Handles& held, int slot) {
 }
 
 // Stops last up to 300 ms, beyond the manager's 100 ms answer time too.
-void injectFault(Handles& held, int workers, bool reclaim) {
-    const int slot = pick(workers), choice = pick(hardening ? 7 : 5);
+void injectFault(Handles& held, int workers) {
+    const int slot = pick(workers), choice = pick(7);
     const pid_t stopped = choice == 5 ? manager : shared->pid[slot].load();
     if (choice < 2) {
         killWorker(held, slot);
@@ -401,7 +400,7 @@ void injectFault(Handles& held, int workers, bool reclaim) {
         usleep(1000 + pick(300000));
         kill(stopped, SIGCONT);
         ++(choice == 5 ? faults.managerStops : faults.stops);
-    } else if (choice == 4 && reclaim) {
+    } else if (choice == 4) {
         reap(spawn(shm, "reclaim"), 10);
         faults.reclaims++;
     } else if (choice == 6) {
@@ -448,17 +447,15 @@ int namesLeft() {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 8) {
-        std::fprintf(stderr, "usage: korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING RECLAIM SEED\n");
+    if (argc != 6) {
+        std::fprintf(stderr, "usage: korvane_chaos SYNCD SHM SECONDS WORKERS SEED\n");
         return 2;
     }
     syncd = argv[1];
     shm = argv[2];
     const long long seconds = std::atoll(argv[3]);
     const int workers = std::clamp(std::atoi(argv[4]), 1, kMaxWorkers - 1);
-    hardening = std::atoi(argv[5]) != 0;
-    const bool reclaim = std::atoi(argv[6]) != 0;
-    rng.seed(static_cast<unsigned>(std::strtoul(argv[7], nullptr, 10)));
+    rng.seed(static_cast<unsigned>(std::strtoul(argv[5], nullptr, 10)));
     if (namesLeft() != 0) {
         std::fprintf(stderr, "chaos: /dev/shm is not empty; run through scripts/chaos.sh for a private one\n");
         return 2;
@@ -477,7 +474,7 @@ int main(int argc, char** argv) {
         startWorker(slot);
     for (const int64_t end = nowNs() + seconds * 1000000000LL; nowNs() < end;) {
         usleep(5000 + pick(100000));
-        injectFault(held, workers, reclaim);
+        injectFault(held, workers);
     }
     shared->quiet = 1;
     sleep(3);
@@ -493,24 +490,20 @@ int main(int argc, char** argv) {
         createOrDestroy(held, which, false);
     // Killed workers' handles were never released: reclaim with the manager
     // running and again once it stopped.
-    if (reclaim)
-        reap(spawn(shm, "reclaim"), 10);
+    reap(spawn(shm, "reclaim"), 10);
     stopManager();
-    if (reclaim)
-        reap(spawn(shm, "reclaim"), 10);
+    reap(spawn(shm, "reclaim"), 10);
     const int left = namesLeft();
     const bool passed = shared->violations == 0 && unfinished == 0 && left == 0;
     const Faults& f = faults;
     std::printf("chaos: %lld s, %d workers: operations %llu, faults %d (%d kills, %d of them in sections, %d in "
                 "create/destroy; %d stops; %d manager stops; %d manager restarts; %d reclaims; %d timer workers), "
                 "violations %llu, holders found dead %llu, longest wait after the last fault %llu ms, unfinished "
-                "workers %d, names left %d: %s%s\n",
+                "workers %d, names left %d: %s\n",
                 seconds, workers, shared->operations.load(),
                 f.kills + f.stops + f.managerStops + f.restarts + f.reclaims + f.timers, f.kills, f.inSections,
                 f.inChannel, f.stops, f.managerStops, f.restarts, f.reclaims, f.timers, shared->violations.load(),
                 shared->repaired.load(), shared->longestWaitNs / 1000000, unfinished, left,
-                passed ? "passed" : "FAILED",
-                hardening ? "" : " (waiting for the hardening: no kills in create/destroy, no manager stops or "
-                                 "restarts)");
+                passed ? "passed" : "FAILED");
     return passed ? 0 : 1;
 }

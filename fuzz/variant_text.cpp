@@ -1,5 +1,5 @@
-// Text into every variant type and on into every other: text converts to each
-// type; an integer becomes text that reads back as the same integer; an
+// Text into a variant type the input's first byte picks, and on into every
+// other: text converts to each type; an integer becomes text that reads back as the same integer; an
 // integer widened and narrowed back is itself again; the only refused pairs
 // are the long long types to bool, and a refusal changes nothing.
 #include <cstring>
@@ -34,11 +34,17 @@ void checkBack(tagTVARIANT& there, const tagTVARIANT& number) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
+    if (size == 0)
+        return 0;
+    // One type an input keeps each run short; the fuzzer's mutations reach
+    // every type.
+    const auto type = static_cast<TVARTYPE>(TVT_CHAR + data[0] % (TVT_BOOL - TVT_CHAR + 1));
+    const auto* chars = reinterpret_cast<const char*>(data) + 1;
+    const std::string text(chars, strnlen(chars, size - 1));
     tagTVARIANT source;
     variant_init(&source);
     variant_set_string(&source, text.c_str(), false);
-    for (TVARTYPE type = TVT_CHAR; type <= TVT_BOOL; ++type) {
+    {
         tagTVARIANT number = convert(source, type);
         for (TVARTYPE target = TVT_CHAR; type != TVT_STRING && target <= TVT_BOOL; ++target) {
             tagTVARIANT there = convert(number, target, !(target == TVT_BOOL && (type == TVT_LONGLONG || type == TVT_ULONGLONG)));

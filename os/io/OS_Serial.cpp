@@ -17,6 +17,7 @@
 
 #include "common/BoolExport.h"
 #include "common/UniqueDescriptor.h"
+#include "os/io/FrameReader.h"
 #include "korvane/io.h"
 
 namespace {
@@ -104,11 +105,7 @@ void cancelAndAwait(int port, struct aiocb& request) {
     aio_return(&request);
 }
 
-// What became of one asynchronous transfer.
-struct Transfer {
-    bool abandoned; // a 5 ms slice ended before the request did
-    ssize_t result; // aio_return's result otherwise: bytes moved, or -1
-};
+using korvane::io::Transfer;
 
 // Starts one asynchronous read or write of `length` bytes at `buffer` and
 // waits for it in 5 ms slices. A slice that ends without completion (time-out
@@ -220,101 +217,17 @@ int os_serial_write(int port, const void* data, int size) {
 
 namespace {
 
-// State of one frame read: everything received so far, the part of it that
-// belongs to the frame, and whether the header has been seen.
-class FrameReader {
+// The port's bytes, received in asynchronous transfers of one slice each.
+class PortSource : public korvane::io::ByteSource {
 public:
-    FrameReader(int port, int size, const unsigned char* header, int headerLength)
-        : m_port(port), m_size(size), m_header(header), m_headerLength(headerLength),
-          m_headerFound(headerLength == 0 || header == nullptr),
-          m_accumulated(new (std::nothrow) unsigned char[2 * static_cast<size_t>(size) + 1]),
-          m_transfer(new (std::nothrow) unsigned char[static_cast<size_t>(size) + 1]) {}
-
-    bool usable() const { return m_accumulated && m_transfer; }
-
-    int read(unsigned char* out, int milliseconds) {
-        while (m_frameLength < m_size) {
-            const Transfer transfer =
-                transferInSlices(m_port, LIO_READ, m_transfer.get(), static_cast<size_t>(nextRequestLength()));
-            if (transfer.abandoned)
-                return -1;
-            const ssize_t received = transfer.result;
-            if (received < 1) {
-                // Nothing there on the non-blocking port: wait for more, or
-                // give up when the line stays quiet. A line that hung up stays
-                // readable to select but every read comes back empty, which
-                // would spin for ever: after a few readable-but-empty rounds
-                // in a row the read ends as on a quiet line.
-                if (m_emptyReadableRounds < kEmptyReadableRoundsAllowed && os_serial_select(m_port, milliseconds)) {
-                    ++m_emptyReadableRounds;
-                    continue;
-                }
-                return quietLineResult(out);
-            }
-            m_emptyReadableRounds = 0;
-            append(static_cast<int>(received));
-            if (m_headerFound) {
-                m_frameLength += static_cast<int>(received);
-                continue;
-            }
-            if (m_receivedLength < m_headerLength)
-                continue;
-            // Checked before the header comparison, so a header that ends
-            // exactly at byte `size` is not recognised; existing callers
-            // depend on this order.
-            if (m_receivedLength >= m_size)
-                return -1;
-            if (std::memcmp(m_accumulated.get() + m_receivedLength - m_headerLength, m_header,
-                            static_cast<size_t>(m_headerLength)) == 0) {
-                m_headerFound = true;
-                m_frameLength = m_headerLength;
-            }
-        }
-        copyTail(out, m_size);
-        return m_size;
+    explicit PortSource(int port) : m_port(port) {}
+    Transfer receive(unsigned char* buffer, size_t length) override {
+        return transferInSlices(m_port, LIO_READ, buffer, length);
     }
+    bool readable(int milliseconds) override { return os_serial_select(m_port, milliseconds); }
 
 private:
-    // While hunting, the first headerLength bytes are asked for together and
-    // then the header is searched for one byte at a time.
-    int nextRequestLength() const {
-        if (!m_headerFound && m_headerLength > 0)
-            return m_receivedLength < m_headerLength ? m_headerLength - m_receivedLength : 1;
-        return m_size - m_frameLength;
-    }
-
-    void append(int count) {
-        std::memcpy(m_accumulated.get() + m_receivedLength, m_transfer.get(), static_cast<size_t>(count));
-        m_receivedLength += count;
-    }
-
-    int quietLineResult(unsigned char* out) const {
-        if (m_frameLength > 0) {
-            copyTail(out, m_frameLength); // a short frame
-            return m_frameLength;
-        }
-        if (m_receivedLength > 0)
-            puts("The frame header may be truncated.");
-        return 0;
-    }
-
-    void copyTail(unsigned char* out, int count) const {
-        if (count > 0)
-            std::memcpy(out, m_accumulated.get() + m_receivedLength - count, static_cast<size_t>(count));
-    }
-
     const int m_port;
-    const int m_size;
-    const unsigned char* const m_header;
-    const int m_headerLength;
-    static constexpr int kEmptyReadableRoundsAllowed = 3;
-
-    bool m_headerFound;
-    int m_emptyReadableRounds = 0; // readable by select, then nothing read
-    int m_frameLength = 0;         // bytes of the frame so far
-    int m_receivedLength = 0;      // bytes received so far
-    std::unique_ptr<unsigned char[]> m_accumulated;
-    std::unique_ptr<unsigned char[]> m_transfer;
 };
 
 } // namespace
@@ -324,7 +237,8 @@ int os_serial_read(int port, void* buffer, int size, const void* header, int hea
         return -1;
     if (size < 0 || header_length < 0 || (buffer == nullptr && size > 0))
         return -1;
-    FrameReader reader(port, size, static_cast<const unsigned char*>(header), header_length);
+    PortSource source(port);
+    korvane::io::FrameReader reader(source, size, static_cast<const unsigned char*>(header), header_length);
     if (!reader.usable())
         return -1;
     return reader.read(static_cast<unsigned char*>(buffer), milliseconds);

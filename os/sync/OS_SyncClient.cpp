@@ -171,6 +171,66 @@ uint64_t processStartTime(pid_t pid) {
     return start;
 }
 
+LockHolder thisProcess() {
+    static pid_t cachedPid = 0;
+    static uint64_t cachedStart = 0;
+    const pid_t pid = getpid();
+    if (pid != cachedPid) {
+        cachedStart = processStartTime(pid);
+        cachedPid = pid;
+    }
+    LockHolder holder;
+    holder.pid = static_cast<uint32_t>(pid);
+    holder.start = cachedStart;
+    return holder;
+}
+
+namespace {
+
+// A number no other request in flight carries: never 0 (the value clients
+// that do not number their requests leave), never the last one answered.
+uint32_t freshSequence(const uint8_t* channel) {
+    static std::atomic<uint64_t> counter{0};
+    timespec now{};
+    os_clock_get_time(CLOCK_MONOTONIC, &now);
+    uint64_t mixed = (static_cast<uint64_t>(getpid()) << 32) ^ static_cast<uint64_t>(now.tv_nsec) ^
+                     (static_cast<uint64_t>(now.tv_sec) << 20) ^ (++counter * 0x9E3779B97F4A7C15ULL);
+    mixed = (mixed ^ (mixed >> 31)) * 0xBF58476D1CE4E5B9ULL;
+    uint32_t sequence = static_cast<uint32_t>(mixed ^ (mixed >> 32));
+    while (sequence == 0 || sequence == loadChannelWord(channel, layout::kAnswerSequenceOffset))
+        ++sequence;
+    return sequence;
+}
+
+} // namespace
+
+bool exchangeRequest(uint8_t* channel, sem_t* requestSemaphore, sem_t* finishSemaphore,
+                     const MemoryRequest& request, const timespec& deadline) {
+    if (channel == nullptr || requestSemaphore == nullptr || finishSemaphore == nullptr)
+        return false;
+    // Answers that came after their clients gave up are still counted on
+    // the finish semaphore; none of them is this request's.
+    while (sem_trywait(finishSemaphore) == 0) {
+    }
+    if (!writeMemoryRequest(channel, request))
+        return false;
+    // Numbered last: a manager that sees the number sees the whole request.
+    const uint32_t sequence = freshSequence(channel);
+    storeChannelWord(channel, layout::kRequestSequenceOffset, sequence);
+    sem_post(requestSemaphore);
+    while (waitUntil(finishSemaphore, deadline)) {
+        // A manager that does not number its answers leaves 0 there: its
+        // answer is taken as this request's, as it always was.
+        const uint32_t answered = loadChannelWord(channel, layout::kAnswerSequenceOffset);
+        if (answered == 0 || answered == sequence)
+            return true;
+    }
+    // Taken back when the manager has not picked it up yet, so that it does
+    // not serve a request whose client has gone on.
+    sem_trywait(requestSemaphore);
+    return false;
+}
+
 } // namespace sync
 } // namespace korvane
 
@@ -189,11 +249,24 @@ sem_t* openSemaphore(const char* name, unsigned int value) {
     return nullptr;
 }
 
+// Which file the channel's lock semaphore is now; {0, 0} when there is none.
+FileIdentity lockFileIdentity() {
+    struct stat status {};
+    if (stat((std::string("/dev/shm/sem.") + kLockSemaphoreName).c_str(), &status) != 0)
+        return FileIdentity{};
+    return FileIdentity{status.st_dev, status.st_ino};
+}
+
 } // namespace
 
 bool CSyncClient::create() {
     destroy();
+    // The file is looked at before and after the open: when both agree, it
+    // is the one opened; otherwise a manager is replacing the channel just
+    // now, and the identity stays unknown.
+    const FileIdentity before = lockFileIdentity();
     lockSemaphore = openSemaphore(kLockSemaphoreName, 1);
+    lockFile = before == lockFileIdentity() ? before : FileIdentity{};
     requestSemaphore = openSemaphore(kRequestSemaphoreName, 0);
     finishSemaphore = openSemaphore(kFinishSemaphoreName, 0);
     channelMemory = os_sharememory_open(kChannelMemoryName);
@@ -222,48 +295,31 @@ uint8_t* channelOf(const CSyncClient& client) {
     return static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory));
 }
 
-// This process as the channel records its lock holder. Read once per
-// process: a forked child has its own pid and start time.
-LockHolder thisProcess() {
-    static pid_t cachedPid = 0;
-    static uint64_t cachedStart = 0;
-    const pid_t pid = getpid();
-    if (pid != cachedPid) {
-        cachedStart = processStartTime(pid);
-        cachedPid = pid;
-    }
-    LockHolder holder;
-    holder.pid = static_cast<uint32_t>(pid);
-    holder.start = cachedStart;
-    return holder;
-}
-
-// A number no other request in flight carries: never 0 (the value clients
-// that do not number their requests leave), never the last one answered.
-uint32_t freshSequence(const uint8_t* channel) {
-    static std::atomic<uint64_t> counter{0};
-    timespec now{};
-    os_clock_get_time(CLOCK_MONOTONIC, &now);
-    uint64_t mixed = (static_cast<uint64_t>(getpid()) << 32) ^ static_cast<uint64_t>(now.tv_nsec) ^
-                     (static_cast<uint64_t>(now.tv_sec) << 20) ^ (++counter * 0x9E3779B97F4A7C15ULL);
-    mixed = (mixed ^ (mixed >> 31)) * 0xBF58476D1CE4E5B9ULL;
-    uint32_t sequence = static_cast<uint32_t>(mixed ^ (mixed >> 32));
-    while (sequence == 0 || sequence == loadChannelWord(channel, layout::kAnswerSequenceOffset))
-        ++sequence;
-    return sequence;
-}
-
 } // namespace
 
-void CSyncClient::lockChannel() {
+bool CSyncClient::lockChannel() {
     if (lockSemaphore == nullptr)
-        return;
+        return false;
     // Going on without the lock would let two clients share the channel and
-    // an open count; a signal must not end this wait.
-    while (sem_wait(lockSemaphore) != 0 && errno == EINTR) {
+    // an open count, so the wait has no time limit and a signal does not
+    // end it. It ends without the lock only when the lock's name has come to
+    // name another file, or none: the manager that made this lock has
+    // stopped, and a holder that died with it would never give it back (the
+    // manager that gives back dead holders' locks watches its own).
+    constexpr long kSliceNanoseconds = 200000000;
+    for (;;) {
+        timespec slice{};
+        os_clock_get_time(CLOCK_REALTIME, &slice);
+        slice.tv_nsec += kSliceNanoseconds;
+        os_clock_adjust_clock_time(&slice);
+        if (waitUntil(lockSemaphore, slice))
+            break;
+        if (lockFile.inode == 0 || !(lockFileIdentity() == lockFile))
+            return false;
     }
     if (uint8_t* channel = channelOf(*this))
         writeLockHolder(channel, thisProcess());
+    return true;
 }
 
 void CSyncClient::unlockChannel() {
@@ -278,51 +334,19 @@ void CSyncClient::unlockChannel() {
     sem_post(lockSemaphore);
 }
 
-namespace {
-
-bool sendRequest(CSyncClient& client, const MemoryRequest& request) {
-    uint8_t* channel = channelOf(client);
-    if (channel == nullptr || client.requestSemaphore == nullptr || client.finishSemaphore == nullptr)
-        return false;
-    // Answers that came after their clients gave up are still counted on
-    // the finish semaphore; none of them is this request's.
-    while (sem_trywait(client.finishSemaphore) == 0) {
-    }
-    if (!writeMemoryRequest(channel, request))
-        return false;
-    // Numbered last: a manager that sees the number sees the whole request.
-    const uint32_t sequence = freshSequence(channel);
-    storeChannelWord(channel, layout::kRequestSequenceOffset, sequence);
-    sem_post(client.requestSemaphore);
-    const timespec deadline = answerDeadline();
-    while (waitUntil(client.finishSemaphore, deadline)) {
-        // A manager that does not number its answers leaves 0 there: its
-        // answer is taken as this request's, as it always was.
-        const uint32_t answered = loadChannelWord(channel, layout::kAnswerSequenceOffset);
-        if (answered == 0 || answered == sequence)
-            return true;
-    }
-    // Taken back when the manager has not picked it up yet, so that it does
-    // not serve a request whose client has gone on.
-    sem_trywait(client.requestSemaphore);
-    return false;
-}
-
-} // namespace
-
 bool CSyncClient::requestCreate(const char* name, uint32_t size) {
     MemoryRequest request;
     request.operation = kCreateRequest;
     request.size = size;
     request.name = name;
-    return sendRequest(*this, request);
+    return exchangeRequest(channelOf(*this), requestSemaphore, finishSemaphore, request, answerDeadline());
 }
 
 bool CSyncClient::requestDestroy(const char* name) {
     MemoryRequest request;
     request.operation = kDestroyRequest;
     request.name = name;
-    return sendRequest(*this, request);
+    return exchangeRequest(channelOf(*this), requestSemaphore, finishSemaphore, request, answerDeadline());
 }
 
 } // namespace OS
@@ -377,8 +401,9 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
     OS::CSyncClient client;
     if (!client.create())
         return false;
+    if (!client.lockChannel())
+        return false;
     named.name = name;
-    client.lockChannel();
     key_t key = -1;
     bool usable = client.requestCreate(name, requestSize);
     if (usable && ftokFamily != nullptr) {
@@ -410,9 +435,9 @@ bool createOrOpenNamedObject(NamedObject& named, const char* name, uint32_t requ
 void releaseNamedObject(NamedObject& named, const DestroyInPlace& destroy) {
     if (named.memory != nullptr) {
         OS::CSyncClient client;
-        // Without a channel the count is left as it stands; the mapping goes.
-        if (client.create()) {
-            client.lockChannel();
+        // Without a channel, or with one whose manager has gone, the count is
+        // left as it stands; the mapping goes.
+        if (client.create() && client.lockChannel()) {
             uint32_t& count = named.openCount();
             count -= 1;
             if (count == 0) {

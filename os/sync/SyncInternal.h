@@ -26,6 +26,13 @@
 
 namespace OS {
 
+// A file as the platform names it, to tell a name's file from a later one.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
+};
+
 // The client side of the sync channel, alive for one create or release.
 class CSyncClient {
 public:
@@ -42,11 +49,14 @@ public:
     ~CSyncClient() { destroy(); }
 
     // The channel's lock semaphore, taken without a time limit (a signal
-    // does not end the wait) and given back. Nothing happens when it is not
-    // open. While it holds the lock the client records this process (pid and
-    // start time) past the request in the channel page, so that a manager
-    // can give the lock back once this process has died holding it.
-    void lockChannel();
+    // does not end the wait) and given back. While it holds the lock the
+    // client records this process (pid and start time) past the request in
+    // the channel page, so that a manager can give the lock back once this
+    // process has died holding it. lockChannel is false, without the lock,
+    // when the lock is not open or when, while waiting, its name came to
+    // name another file or none (the manager that made it has stopped);
+    // unlockChannel is for a client that holds the lock.
+    bool lockChannel();
     void unlockChannel();
     // With the channel locked: writes a create (or destroy) request, posts
     // the request semaphore and waits for the manager's answer on the
@@ -63,6 +73,7 @@ public:
     sem_t* requestSemaphore = nullptr;
     sem_t* finishSemaphore = nullptr;
     sharememory_handle* channelMemory = nullptr;
+    FileIdentity lockFile; // the lock semaphore's file when opened; unknown: {0, 0}
 };
 
 } // namespace OS
@@ -105,6 +116,9 @@ void storeChannelWord(uint8_t* channel, size_t offset, uint32_t value);
 // The start time of a running process (field 22 of /proc/<pid>/stat); 0 when
 // no such process runs (a zombie has ended) or /proc cannot be read.
 uint64_t processStartTime(pid_t pid);
+// This process as the channel records its lock holder. Read once per
+// process: a forked child has its own pid and start time.
+LockHolder thisProcess();
 
 // The memory request in the channel memory. A create request carries its
 // name from byte 8 (after the size), a destroy request from byte 4 (it has no
@@ -125,6 +139,15 @@ size_t channelMappedBytes();
 // Write a request into the channel memory; false (nothing written) when the
 // name would end beyond the mapping.
 bool writeMemoryRequest(uint8_t* channel, const MemoryRequest& request);
+// The request exchange of every channel client, with the channel's lock
+// held: drains the answers left for clients that gave up, writes the
+// request, numbers it (the manager echoes the number, so an older answer is
+// told apart and waited past), posts it and waits until `deadline`
+// (realtime, signals resumed) for its answer. A request the manager has not
+// picked up by then is taken back. True when answered; false also when the
+// name does not fit the channel (nothing is sent then).
+bool exchangeRequest(uint8_t* channel, sem_t* requestSemaphore, sem_t* finishSemaphore,
+                     const MemoryRequest& request, const timespec& deadline);
 // Reads the request as the manager sees it; the name is read no further than
 // the mapping.
 MemoryRequest readMemoryRequest(const uint8_t* channel);

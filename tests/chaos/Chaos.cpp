@@ -4,7 +4,7 @@
 // Every guarded section checks invariants kept in a mapping of this program's
 // own. Ends with one line of figures; exits 0 only when the run passed.
 // scripts/chaos.sh runs it with a private /dev/shm and explains the arguments:
-//   korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING(0|1) RECLAIM(0|1) SEED
+//   korvane_chaos SYNCD SHM SECONDS WORKERS SEED
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -38,6 +38,11 @@ const char* const kNames[kKinds] = {"chaos_mutex", "chaos_recursive", "chaos_rw"
 // What a worker is doing, read by the supervisor while the worker is stopped.
 enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical, kHoldingToken };
 
+// What a worker does now, told when it does not finish.
+enum Operation : int { kLooping, kMutex, kRecursive, kReading, kWriting, kSemaphore, kEvents, kRecreating };
+const char* const kOperationNames[] = {"looping", "mutex", "recursive mutex", "rw read", "rw write",
+                                       "semaphore", "events", "create/destroy"};
+
 // Owner words are (slot << 32 | pid), 0 when nobody is inside.
 struct Shared {
     std::atomic<unsigned long long> operations, violations, repaired, longestWaitNs;
@@ -45,7 +50,7 @@ struct Shared {
     std::atomic<uint64_t> manualState; // odd while set; changes before every reset
     std::atomic<int64_t> autoSets, autoTaken, lastFaultNs;
     std::atomic<int> tokensHeld, quiet, stop;
-    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers];
+    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers], operation[kMaxWorkers];
 };
 
 Shared* shared = nullptr;
@@ -196,6 +201,7 @@ void setOrResetManual(Handles& h) {
 // A holder killed inside a reader-writer lock keeps it for ever (its count
 // and flag are not robust), so these sections are never killed.
 void rwSection(Handles& h, bool write) {
+    shared->operation[mySlot] = write ? kWriting : kReading;
     shared->phase[mySlot] = kUnaccounted;
     timed([&] { (write ? os_rw_mutex_lock_wr : os_rw_mutex_lock_rd)(h.rw); return 0; });
     for (auto& reader : shared->readers)
@@ -263,6 +269,8 @@ int workerMain(int slot, bool timer) {
     }
     for (; !shared->stop; shared->operations++) {
         const int choice = pick(12);
+        shared->operation[mySlot] = choice < 2 ? kMutex : choice < 4 ? kRecursive : choice < 8 ? kSemaphore
+                                    : choice < 11 ? kEvents : kRecreating; // rwSection tells its own
         if (choice < 2)
             exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex",
                       [&] { setOrResetManual(h); });
@@ -293,7 +301,6 @@ struct Faults {
     int kills, inSections, inChannel, stops, managerStops, restarts, reclaims, timers;
 } faults {};
 std::string syncd, shm;
-bool hardening = false;
 pid_t manager = -1;
 
 pid_t spawn(const std::string& program, const char* argument) {
@@ -306,11 +313,14 @@ pid_t spawn(const std::string& program, const char* argument) {
     return pid;
 }
 
-// Waits at most `seconds` for `pid`, then kills it; true when it exited 0.
-bool reap(pid_t pid, int seconds) {
+// Waits at most `seconds` for `pid`, then tells `stuck` and kills it; true
+// when it exited 0.
+bool reap(pid_t pid, int seconds, const std::function<void()>& stuck = {}) {
     int status = 0;
     for (int i = 0; waitpid(pid, &status, WNOHANG) == 0; ++i) {
         if (i == seconds * 100) {
+            if (stuck)
+                stuck();
             kill(pid, SIGKILL);
             return waitpid(pid, &status, 0) < 0;
         }
@@ -357,12 +367,12 @@ void killWorker(Handles& held, int slot) {
             return startWorker(slot);
         }
         phase = shared->phase[slot];
-        if (phase >= kCritical || (phase == kChannel && hardening) || tries == 1)
+        if (phase >= kCritical || phase == kChannel || tries == 1)
             break;
         kill(pid, SIGCONT);
         usleep(pick(2000));
     }
-    if (phase == kUnaccounted || (phase == kChannel && !hardening)) {
+    if (phase == kUnaccounted) {
         faults.stops++;
         kill(pid, SIGCONT);
         return;
@@ -380,8 +390,8 @@ void killWorker(Handles& held, int slot) {
 }
 
 // Stops last up to 300 ms, beyond the manager's 100 ms answer time too.
-void injectFault(Handles& held, int workers, bool reclaim) {
-    const int slot = pick(workers), choice = pick(hardening ? 7 : 5);
+void injectFault(Handles& held, int workers) {
+    const int slot = pick(workers), choice = pick(7);
     const pid_t stopped = choice == 5 ? manager : shared->pid[slot].load();
     if (choice < 2) {
         killWorker(held, slot);
@@ -390,7 +400,7 @@ void injectFault(Handles& held, int workers, bool reclaim) {
         usleep(1000 + pick(300000));
         kill(stopped, SIGCONT);
         ++(choice == 5 ? faults.managerStops : faults.stops);
-    } else if (choice == 4 && reclaim) {
+    } else if (choice == 4) {
         reap(spawn(shm, "reclaim"), 10);
         faults.reclaims++;
     } else if (choice == 6) {
@@ -400,6 +410,31 @@ void injectFault(Handles& held, int workers, bool reclaim) {
         faults.restarts++;
     }
     shared->lastFaultNs = nowNs();
+}
+
+// Tells what a worker that does not finish was doing: its operation, where
+// the kernel has it sleep, and which mapping (a named object, at which
+// offset) holds the word of the call it is blocked in.
+void reportStuck(int slot) {
+    const std::string proc = "/proc/" + std::to_string(shared->pid[slot]) + "/";
+    auto firstLine = [&](const char* file) {
+        std::ifstream in(proc + file);
+        std::string line;
+        std::getline(in, line);
+        return line;
+    };
+    const std::string syscall = firstLine("syscall");
+    std::string where = "no mapping";
+    unsigned long long word = 0, start = 0, end = 0, offset = 0;
+    std::sscanf(syscall.c_str(), "%*d %llx", &word);
+    std::ifstream maps(proc + "maps");
+    for (std::string line; std::getline(maps, line);)
+        if (std::sscanf(line.c_str(), "%llx-%llx %*s %llx", &start, &end, &offset) == 3 && word >= start && word < end)
+            where = line.substr(line.find_last_of(' ') + 1) + " +" + std::to_string(word - start + offset);
+    std::fprintf(stderr, "chaos: worker %d did not finish: %s, phase %d, state %s, wchan %s, syscall %s (%s)\n",
+                 shared->pid[slot].load(), kOperationNames[shared->operation[slot]], shared->phase[slot].load(),
+                 firstLine("stat").substr(firstLine("stat").rfind(") ") + 2, 1).c_str(), firstLine("wchan").c_str(),
+                 syscall.c_str(), where.c_str());
 }
 
 int namesLeft() {
@@ -412,17 +447,15 @@ int namesLeft() {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 8) {
-        std::fprintf(stderr, "usage: korvane_chaos SYNCD SHM SECONDS WORKERS HARDENING RECLAIM SEED\n");
+    if (argc != 6) {
+        std::fprintf(stderr, "usage: korvane_chaos SYNCD SHM SECONDS WORKERS SEED\n");
         return 2;
     }
     syncd = argv[1];
     shm = argv[2];
     const long long seconds = std::atoll(argv[3]);
     const int workers = std::clamp(std::atoi(argv[4]), 1, kMaxWorkers - 1);
-    hardening = std::atoi(argv[5]) != 0;
-    const bool reclaim = std::atoi(argv[6]) != 0;
-    rng.seed(static_cast<unsigned>(std::strtoul(argv[7], nullptr, 10)));
+    rng.seed(static_cast<unsigned>(std::strtoul(argv[5], nullptr, 10)));
     if (namesLeft() != 0) {
         std::fprintf(stderr, "chaos: /dev/shm is not empty; run through scripts/chaos.sh for a private one\n");
         return 2;
@@ -441,14 +474,14 @@ int main(int argc, char** argv) {
         startWorker(slot);
     for (const int64_t end = nowNs() + seconds * 1000000000LL; nowNs() < end;) {
         usleep(5000 + pick(100000));
-        injectFault(held, workers, reclaim);
+        injectFault(held, workers);
     }
     shared->quiet = 1;
     sleep(3);
     shared->stop = 1;
     int unfinished = 0, tokens = 0;
     for (int slot = 0; slot < workers; ++slot)
-        unfinished += !reap(shared->pid[slot], 20);
+        unfinished += !reap(shared->pid[slot], 20, [slot] { reportStuck(slot); });
     while (os_semaphore_wait_timeout(held.semaphore, deadlineIn(0)))
         ++tokens;
     if (tokens != kTokens)
@@ -457,24 +490,20 @@ int main(int argc, char** argv) {
         createOrDestroy(held, which, false);
     // Killed workers' handles were never released: reclaim with the manager
     // running and again once it stopped.
-    if (reclaim)
-        reap(spawn(shm, "reclaim"), 10);
+    reap(spawn(shm, "reclaim"), 10);
     stopManager();
-    if (reclaim)
-        reap(spawn(shm, "reclaim"), 10);
+    reap(spawn(shm, "reclaim"), 10);
     const int left = namesLeft();
     const bool passed = shared->violations == 0 && unfinished == 0 && left == 0;
     const Faults& f = faults;
     std::printf("chaos: %lld s, %d workers: operations %llu, faults %d (%d kills, %d of them in sections, %d in "
                 "create/destroy; %d stops; %d manager stops; %d manager restarts; %d reclaims; %d timer workers), "
                 "violations %llu, holders found dead %llu, longest wait after the last fault %llu ms, unfinished "
-                "workers %d, names left %d: %s%s\n",
+                "workers %d, names left %d: %s\n",
                 seconds, workers, shared->operations.load(),
                 f.kills + f.stops + f.managerStops + f.restarts + f.reclaims + f.timers, f.kills, f.inSections,
                 f.inChannel, f.stops, f.managerStops, f.restarts, f.reclaims, f.timers, shared->violations.load(),
                 shared->repaired.load(), shared->longestWaitNs / 1000000, unfinished, left,
-                passed ? "passed" : "FAILED",
-                hardening ? "" : " (waiting for the hardening: no kills in create/destroy, no manager stops or "
-                                 "restarts)");
+                passed ? "passed" : "FAILED");
     return passed ? 0 : 1;
 }

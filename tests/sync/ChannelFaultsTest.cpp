@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 #include "SyncTestSupport.h"
 #include "korvane/system.h"
@@ -239,6 +241,33 @@ TEST(ChannelStart, ACreateRightAfterInitializeFindsTheManagerReady) {
         return mapped == 10 ? 0 : 1;
     });
     EXPECT_EQ(started.exitCode, 0);
+}
+
+} // namespace
+
+namespace {
+
+// A manager that stops while the channel's lock is held leaves that lock
+// taken for good (the next manager makes a new one): a client waiting on it
+// gives up, with an unusable handle, instead of waiting for ever.
+TEST_F(ChannelFaults, AWaitForTheLockOfAStoppedManagerEnds) {
+    const std::unique_ptr<Child> holder = lockHolder();
+    const std::string name = uniqueName("replaced");
+    Child waiter([&] {
+        mutex_handle* mutex = os_mutex_create(name.c_str());
+        const bool unusable = mappingsOf(name) == 0;
+        os_mutex_destroy(&mutex);
+        return unusable ? 0 : 1;
+    });
+    // Once the waiter has the old lock open, it waits on it whenever it gets there.
+    ASSERT_TRUE(eventually([&] {
+        std::ifstream maps("/proc/" + std::to_string(waiter.pid()) + "/maps");
+        const std::string text((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
+        return text.find(KORVANE_SYNC_LOCK_SEMAPHORE) != std::string::npos;
+    }));
+    stopManager();
+    SetUp();
+    EXPECT_EQ(waiter.wait().exitCode, 0);
 }
 
 } // namespace

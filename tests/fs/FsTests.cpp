@@ -1,5 +1,9 @@
 // Files and folders: the POSIX wrappers, file and folder operations by path,
 // the filesystem walk, and (in the same family) the text helpers.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +22,16 @@ std::vector<std::string> shellCommands;
 extern "C" int system(const char* command) {
     shellCommands.emplace_back(command);
     return 0;
+}
+
+// Listings without entry types, as some filesystems give them, while set.
+bool hideTypes = false;
+extern "C" dirent* readdir(DIR* folder) {
+    static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    dirent* entry = real(folder);
+    if (entry != nullptr && hideTypes)
+        entry->d_type = DT_UNKNOWN;
+    return entry;
 }
 
 namespace {
@@ -78,6 +92,34 @@ TEST_F(FilesAndFolders, CreateAndCopy) {
     ASSERT_EQ(mkdir("folder", 0700), 0);
     EXPECT_TRUE(os_file_copy("folder", "copy")) << "a read error counts as end of file";
     EXPECT_EQ(kvtest::fileText("copy"), "") << "truncated first";
+    // A file size limit cuts the second 8192-byte write short: the copy
+    // fails and the part written stays.
+    const kvtest::ChildResult limited = kvtest::runInChild([] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {10000, 10000};
+        return setrlimit(RLIMIT_FSIZE, &limit) != 0 ? 2 : os_file_copy("source", "copy") ? 1 : 0;
+    });
+    EXPECT_EQ(limited.exitCode, 0);
+    EXPECT_EQ(kvtest::fileText("copy"), content.substr(0, 10000));
+    EXPECT_TRUE(os_file_copy("source", "source")) << "truncated before it is read, kept for existing callers";
+    EXPECT_EQ(kvtest::fileText("source"), "");
+}
+
+// A move renames files and folders alike and never copies across filesystems.
+TEST_F(FilesAndFolders, MoveRenamesOnlyWithinAFilesystem) {
+    std::ofstream("old") << "content";
+    ASSERT_EQ(mkdir("folder", 0700), 0);
+    EXPECT_TRUE(os_file_move("old", "moved"));
+    EXPECT_TRUE(os_file_move("folder", "renamed"));
+    EXPECT_FALSE(os_file_move("old", "again"));
+    EXPECT_EQ(kvtest::fileText("moved"), "content");
+    EXPECT_TRUE(S_ISDIR(modeOf("renamed")));
+    struct stat here {}, there {};
+    if (stat(".", &here) != 0 || stat("/dev/shm", &there) != 0 || here.st_dev == there.st_dev)
+        GTEST_SKIP() << "no second filesystem at /dev/shm";
+    const std::string elsewhere = "/dev/shm/" + kvtest::uniqueName("move");
+    EXPECT_FALSE(os_file_move("moved", elsewhere.c_str()));
+    EXPECT_EQ(modeOf(elsewhere), 0u);
 }
 
 // The paths go into fixed formats unescaped; a copy makes its destination first.
@@ -128,9 +170,13 @@ TEST_F(FilesAndFolders, WalkPathsRootsAndDepthLimits) {
         {"", "w\\", 5, {"F |w\\", "f sub|w\\", "F g|w\\", "f g/x|w\\"}},
     };
     for (const auto& [start, root, maxDepth, expected] : rows) {
-        Recorder recorder;
-        os_filesystem_walk_through_ex(start, root, maxDepth, &recorder);
-        EXPECT_EQ(recorder.calls, expected) << "'" << start << "' in '" << root << "'";
+        for (bool hidden : {false, true}) { // types from the listing, or asked for
+            Recorder recorder;
+            hideTypes = hidden;
+            os_filesystem_walk_through_ex(start, root, maxDepth, &recorder);
+            hideTypes = false;
+            EXPECT_EQ(recorder.calls, expected) << "'" << start << "' in '" << root << "', types hidden " << hidden;
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 // code-page copies.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -52,6 +53,64 @@ TEST(Clock, SleepsAndSignals) {
             return 2;
         return os_thread_sleep_milliseconds(100); // 0 unless a signal ended it
     });
+}
+
+// A requested stack below 128 KiB is raised to it; 0 takes the platform's
+// own size, when that is larger.
+TEST(Thread, StartsThreadsWithAtLeastTheMinimumStack) {
+    for (const auto& [requested, least] : {std::pair<size_t, size_t>{0, 131072}, {4096, 131072}, {1 << 20, 1 << 20}}) {
+        size_t seen = 0;
+        pthread_t thread;
+        os_thread_create(&thread, [](void* size) {
+            pthread_attr_t own;
+            pthread_getattr_np(pthread_self(), &own);
+            pthread_attr_getstacksize(&own, static_cast<size_t*>(size));
+            pthread_attr_destroy(&own);
+        }, &seen, requested);
+        ASSERT_EQ(os_thread_join(thread), 0);
+        EXPECT_GE(seen, least) << requested;
+        EXPECT_TRUE(requested == 0 || seen < least + 65536) << requested << " gave " << seen;
+    }
+}
+
+// The fetch functions return the new value, despite their names (kept for
+// existing callers); compare-and-swap returns the value it found. Four
+// threads at once lose no update.
+TEST(Thread, AtomicsReturnTheNewValueAndLoseNothing) {
+    int64_t counter = 5;
+    EXPECT_EQ(os_thread_sync_fetch_add(&counter), 6);
+    EXPECT_EQ(os_thread_sync_fetch_sub(&counter), 5);
+    EXPECT_EQ(os_thread_sync_compare_and_swap_64(&counter, 8, 9), 5);
+    EXPECT_EQ(os_thread_sync_compare_and_swap(&counter, 5, INT64_C(1) << 40), 5);
+    EXPECT_EQ(counter, INT64_C(1) << 40);
+    int64_t shared[2] = {};
+    pthread_t threads[4];
+    for (pthread_t& thread : threads) {
+        os_thread_create(&thread, [](void* counters) {
+            for (int i = 0; i < 20000; ++i) {
+                os_thread_sync_fetch_add(static_cast<int64_t*>(counters));
+                os_thread_sync_fetch_sub(static_cast<int64_t*>(counters) + 1);
+            }
+        }, shared, 0);
+    }
+    for (pthread_t thread : threads)
+        ASSERT_EQ(os_thread_join(thread), 0);
+    EXPECT_EQ(shared[0], 80000);
+    EXPECT_EQ(shared[1], -80000);
+}
+
+// Only the two low flag bits reach the platform, which refuses the others.
+TEST(Thread, MemoryLockPassesOnlyTheTwoLowFlagBits) {
+    const kvtest::ChildResult result = kvtest::runInChild([] {
+        if (mlockall(MCL_FUTURE) != 0 || munlockall() != 0 || mlockall(MCL_FUTURE | 0x08) != -1)
+            return 10; // not permitted here, or not checked (the address sanitizer replaces the call)
+        if (!os_memory_manager_mlockall(MCL_FUTURE | 0x108) || !os_memory_manager_munlockall())
+            return 1;
+        return os_memory_manager_mlockall(0x0c) ? 2 : 0;
+    });
+    if (result.exitCode == 10)
+        GTEST_SKIP() << "memory locking is not permitted or not checked here";
+    EXPECT_EQ(result.exitCode, 0);
 }
 
 // "./sh" links to the shell: run with the argument string as its only argv

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,10 +23,20 @@ namespace {
 using kvtest::ChildResult;
 using kvtest::shmEntriesContaining;
 
-// The service lock of the tools run here lives in a folder of this run.
-char runtimeDirectory[] = "/tmp/kvt_runtime_XXXXXX";
-[[maybe_unused]] const bool kPrivateRuntimeDirectory =
-    mkdtemp(runtimeDirectory) != nullptr && setenv("KORVANE_RUNTIME_DIR", runtimeDirectory, 1) == 0;
+// The service lock of the tools run here lives in a folder of this run,
+// removed by the process that made it (not by its forked children).
+struct RuntimeDirectory {
+    RuntimeDirectory() {
+        if (mkdtemp(path) != nullptr)
+            setenv("KORVANE_RUNTIME_DIR", path, 1);
+    }
+    ~RuntimeDirectory() {
+        if (getpid() == owner)
+            std::filesystem::remove_all(path);
+    }
+    char path[32] = "/tmp/kvt_runtime_XXXXXX";
+    const pid_t owner = getpid();
+} runtimeDirectory;
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;

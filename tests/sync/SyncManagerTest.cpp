@@ -1,19 +1,19 @@
-// The sync manager (its names, a second manager, client mode, how it serves
-// requests), the named-object protocol every named kind follows, and the
-// robust lock's report.
+// The sync manager (its names, a second manager, client mode), the requests
+// the named-object protocol puts on its channel, the robust lock's report;
+// and what one killed, stopped or signalled process, or one unlucky name,
+// must not do to the machine's named objects.
 #include <fcntl.h>
 #include <semaphore.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <thread>
+#include <climits>
 
 #include "SyncTestSupport.h"
+#include "korvane/system.h"
 #include "os/sync/SyncInternal.h"
 
 namespace {
@@ -26,6 +26,16 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     bool running = true;
     EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
     EXPECT_FALSE(running);
+    // A create right after a start finds the manager ready, and a stopped
+    // manager does not block the next one.
+    const std::string ready = uniqueName("ready");
+    for (int round = 0; round < 10; ++round) {
+        ASSERT_TRUE(os_sync_environment_initialize(false));
+        event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
+        EXPECT_TRUE(os_event_wait(event)) << round;
+        os_event_destroy(&event);
+        os_sync_environment_uninitialize();
+    }
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
     EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
@@ -33,206 +43,45 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), "");
     EXPECT_TRUE(running);
     EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
-    EXPECT_EQ(runInChild([] { return os_sync_environment_initialize(true) ? 0 : 1; }).exitCode, 0);
+    // Another process finds it in client mode; as a second manager it fails
+    // and takes the channel memory's name with it.
+    const ChildResult other = runInChild(
+        [] {
+            if (!os_sync_environment_initialize(true))
+                return 1;
+            return os_sync_environment_initialize(false) ? 2 : 0;
+        },
+        kDefaultTimeout, true);
+    EXPECT_EQ(other.exitCode, 0);
+    EXPECT_EQ(other.output, "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
+    EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
     os_sync_environment_uninitialize();
     EXPECT_TRUE(presentChannelEntries().empty());
     os_sync_environment_uninitialize(); // no manager: nothing to do
-    ASSERT_TRUE(os_sync_environment_initialize(false)) << "a stopped manager must not block the next";
-    os_sync_environment_uninitialize();
-}
-
-TEST(SyncManagerLife, SecondManagerFailsAndRemovesTheChannelMemoryName) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    const ChildResult child = runInChild(
-        [] {
-            if (!os_sync_environment_initialize(false) ||
-                !eventually([] { return presentChannelEntries() == kChannelEntries; }))
-                return 1;
-            const bool second = os_sync_environment_initialize(false);
-            std::fflush(stdout);
-            // The first manager's thread runs on, unreachable: its channel
-            // memory's name is gone, its semaphores stay.
-            const bool semaphoresLeft = presentChannelEntries() ==
-                                        std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end());
-            os_sync_environment_uninitialize(); // the global is null: nothing happens
-            return second ? 2 : semaphoresLeft ? 0 : 3;
-        },
-        10s, true);
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.output, "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    for (const char* name : {kLockSemaphoreName, kRequestSemaphoreName, kFinishSemaphoreName})
-        sem_unlink(name);
-}
-
-// Sends one request as a client does; true when the manager answered.
-bool ask(uint32_t operation, const std::string& name, uint32_t size = 0) {
-    OS::CSyncClient client;
-    if (!client.create())
-        return false;
-    client.lockChannel();
-    bool answered = false;
-    if (operation == kCreateRequest) {
-        answered = client.requestCreate(name.c_str(), size);
-    } else if (operation == kDestroyRequest) {
-        answered = client.requestDestroy(name.c_str());
-    } else {
-        writeMemoryRequest(static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory)),
-                           MemoryRequest{operation, size, name});
-        sem_post(client.requestSemaphore);
-        answered = waitForAnswer(client.finishSemaphore);
-    }
-    client.unlockChannel();
-    return answered;
-}
-
-class SyncManager : public SyncTest {};
-
-TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
-    const std::string stale = name("stale");
-    sharememory_handle* leftover = os_sharememory_create(stale.c_str(), 16);
-    std::memset(os_sharememory_get_buffer(leftover), 0xFF, 16);
-    os_sharememory_destroy(&leftover);
-    ASSERT_TRUE(ask(kCreateRequest, stale, 52));
-    EXPECT_EQ(segmentSize(stale), 52);
-    const MappedObject taken(stale);
-    EXPECT_EQ(std::count(taken.bytes, taken.bytes + 52, 0), 52) << "a leftover segment is taken over and reset";
-    const std::string served = name("served");
-    ASSERT_TRUE(ask(kCreateRequest, served, 64));
-    MappedObject(served).bytes[0] = 0x5A;
-    ASSERT_TRUE(ask(kCreateRequest, served, 4096));
-    EXPECT_EQ(segmentSize(served), 64) << "an existing memory is handed out as it is";
-    EXPECT_EQ(openCountOf(served), 0x5A) << "and is not cleared";
-    struct Unservable {
-        uint32_t operation;
-        std::string name;
-        uint32_t size;
-    };
-    const std::string sizeless = name("sizeless");
-    for (const Unservable& request :
-         {Unservable{kDestroyRequest, name("unknown"), 0}, Unservable{kDestroyRequest, "", 0},
-          Unservable{kCreateRequest, sizeless, 0}, Unservable{kCreateRequest, "", 52}, Unservable{7, served, 0}}) {
-        EXPECT_TRUE(ask(request.operation, request.name, request.size)) << "every request is answered";
-        EXPECT_EQ(segmentSize(served), 64) << "operation " << request.operation << " on '" << request.name << "'";
-    }
-    EXPECT_EQ(segmentSize(sizeless), -1);
-    // A create must not take over the channel memory or a named semaphore's
-    // file: one request would break the channel or another program.
-    const std::string semaphore = name("semaphore");
-    sem_t* other = sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 3);
-    for (const std::string& taken : {std::string(kChannelMemoryName), "//" + std::string(kChannelMemoryName),
-                                     "sem." + semaphore})
-        EXPECT_TRUE(ask(kCreateRequest, taken, 16)) << taken;
-    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
-    int value = 0;
-    EXPECT_TRUE(sem_getvalue(other, &value) == 0 && value == 3);
-    sem_close(other);
-    sem_unlink(semaphore.c_str());
-    ASSERT_TRUE(ask(kDestroyRequest, served));
-    EXPECT_EQ(segmentSize(served), -1);
-    stopManager();
-    EXPECT_EQ(segmentSize(stale), -1) << "stop removes every memory still held";
 }
 
 class NamedObjectProtocol : public SyncTest {};
 
-TEST_F(NamedObjectProtocol, LongestNameReachesTheManagerWithinTheMappingOneMoreNeverDoes) {
+TEST_F(NamedObjectProtocol, TheLongestNameReachesTheManagerWhole) {
     const std::string longest(kMaximumNameLength, 'L');
     NamedObject named;
     // The manager cannot make a file of that name, but it got the whole name.
     EXPECT_FALSE(createOrOpenNamedObject(named, longest.c_str(), 52, nullptr, nullptr));
     const MappedObject channel(kChannelMemoryName);
-    const std::vector<uint8_t> request(channel.bytes, channel.bytes + 8 + longest.size() + 1);
-    EXPECT_EQ(request[0], kCreateRequest);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(request.data() + 8)), longest);
-    EXPECT_FALSE(createOrOpenNamedObject(named, (longest + "T").c_str(), 60, nullptr, nullptr));
-    EXPECT_EQ(std::vector<uint8_t>(channel.bytes, channel.bytes + request.size()), request)
-        << "a longer name never reaches the channel";
-    // Requests are written and read no further than the mapping.
-    std::vector<uint8_t> buffer(channelMappedBytes(), 'z');
-    const MemoryRequest tooLong{kDestroyRequest, 0, std::string(channelMappedBytes() - 4, 'x')};
-    EXPECT_FALSE(writeMemoryRequest(buffer.data(), tooLong));
-    EXPECT_EQ(std::count(buffer.begin(), buffer.end(), 'z'), static_cast<long>(buffer.size()));
-    std::memcpy(buffer.data(), &tooLong.operation, sizeof tooLong.operation);
-    EXPECT_EQ(readMemoryRequest(buffer.data()).name.size(), channelMappedBytes() - 4) << "a name without NUL";
+    EXPECT_EQ(channel.bytes[0], kCreateRequest);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(channel.bytes + 8)), longest);
 }
 
 TEST_F(NamedObjectProtocol, ReleaseWithoutTheManagerKeepsTheCountAndUnmaps) {
+    const std::string orphan = name("orphan");
     NamedObject named;
-    ASSERT_TRUE(createOrOpenNamedObject(named, name("orphan").c_str(), 16, nullptr, nullptr));
+    ASSERT_TRUE(createOrOpenNamedObject(named, orphan.c_str(), 16, nullptr, nullptr));
     stopManager();
+    EXPECT_EQ(segmentSize(orphan), -1) << "stop removes every memory still held";
     bool destroyed = false;
     EXPECT_EQ(captureStdout([&] { releaseNamedObject(named, [&](uint8_t*) { destroyed = true; }); }), kNoChannelOutput);
     EXPECT_FALSE(destroyed);
     EXPECT_EQ(named.memory, nullptr);
-}
-
-// The lock semaphore's value, as any process sees it.
-int lockValue() {
-    sem_t* lock = sem_open(kLockSemaphoreName, 0);
-    int value = -1;
-    sem_getvalue(lock, &value);
-    sem_close(lock);
-    return value;
-}
-
-TEST(AnswerWait, OutlastsSignals) {
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
-    sigaction(SIGUSR1, &action, &previous);
-    sem_t answer;
-    sem_init(&answer, 0, 0);
-    std::atomic<bool> answered{false};
-    std::thread waiter([&] { answered = waitForAnswer(&answer); });
-    for (int i = 0; i < 5; ++i) {
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    sem_post(&answer);
-    waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    sem_destroy(&answer);
-    EXPECT_TRUE(answered);
-}
-
-// A manager that does not answer: the process running it is stopped.
-TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndRemoveNothing) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    Signal running;
-    Child manager([&] {
-        const auto channelReady = [] { return presentChannelEntries() == kChannelEntries; };
-        if (!os_sync_environment_initialize(false) || !eventually(channelReady))
-            return 1;
-        running.notify();
-        raise(SIGSTOP);
-        os_sync_environment_uninitialize();
-        return 0;
-    });
-    int status = 0;
-    ASSERT_TRUE(running.waitFor());
-    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
-    const std::string unanswered = uniqueName("unanswered");
-    NamedObject named;
-    bool initialised = false;
-    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr,
-                                         [&](uint8_t*, key_t) { initialised = true; }));
-    EXPECT_FALSE(initialised);
-    EXPECT_EQ(named.memory, nullptr);
-    EXPECT_EQ(lockValue(), 1) << "the lock semaphore must be given back";
-    // An answer left over on the finish semaphore is drained, not taken for
-    // this request's: the memory being there changes nothing.
-    sharememory_handle* made = os_sharememory_create(unanswered.c_str(), 52);
-    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
-    sem_post(finish);
-    sem_close(finish);
-    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr, nullptr));
-    EXPECT_EQ(lockValue(), 1);
-    EXPECT_EQ(openCountOf(unanswered), 0);
-    os_sharememory_close(made, true);
-    os_sharememory_destroy(&made);
-    kill(manager.pid(), SIGCONT);
-    EXPECT_EQ(manager.wait().exitCode, 0);
 }
 
 TEST(RobustLock, ReportsAnErrorItCannotRepair) {
@@ -246,6 +95,195 @@ TEST(RobustLock, ReportsAnErrorItCannotRepair) {
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     EXPECT_FALSE(robustLock(nullptr));
+}
+
+class ChannelFaults : public SyncTest {};
+
+// A named mutex made in a fresh process maps its memory within `bound`.
+bool createWorksWithin(const std::string& name, std::chrono::milliseconds bound) {
+    const auto mapped = [&] {
+        mutex_handle* mutex = os_mutex_create(name.c_str());
+        const bool served = mappingsOf(name) == 1;
+        os_mutex_destroy(&mutex);
+        return served ? 0 : 1;
+    };
+    return runInChild(mapped, bound).exitCode == 0;
+}
+
+TEST_F(ChannelFaults, LockOfALiveHolderStaysItsLockOfAKilledOneComesBackWithinTwoSeconds) {
+    Signal locked;
+    Child holder([&] { // holds the channel's lock, as a client does during a create
+        OS::CSyncClient client;
+        if (!client.create())
+            return 1;
+        client.lockChannel();
+        locked.notify();
+        pause();
+        return 0;
+    });
+    ASSERT_TRUE(locked.waitFor());
+    const pid_t holderPid = holder.pid();
+    const std::string name = uniqueName("after_holder");
+    const std::string printed = captureStdout([&] {
+        kill(holderPid, SIGSTOP);
+        EXPECT_FALSE(createWorksWithin(name, 1500ms)) << "a stopped holder is alive";
+        kill(holderPid, SIGKILL);
+        holder.wait();
+        EXPECT_TRUE(createWorksWithin(name, 2500ms));
+    });
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
+    EXPECT_NE(printed.find(std::to_string(holderPid)), std::string::npos) << printed;
+}
+
+// No handler work: the timer only interrupts whatever the process waits in.
+void ignoreTick(int) {}
+
+// The manager runs in a process of its own, as korvane-syncd runs it, stopped
+// while requests come.
+TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndEveryLaterRequestGetsItsOwnAnswer) {
+    ASSERT_TRUE(presentChannelEntries().empty());
+    Signal running;
+    Signal stop;
+    Child manager([&] {
+        if (!os_sync_environment_initialize(false))
+            return 1;
+        running.notify();
+        stop.waitFor();
+        os_sync_environment_uninitialize();
+        return 0;
+    });
+    ASSERT_TRUE(running.waitFor());
+    int status = 0;
+    kill(manager.pid(), SIGSTOP);
+    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
+    const std::string name = uniqueName("in_step");
+    NamedObject named;
+    EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
+    // An answer left over on the finish semaphore is drained, not taken for
+    // this request's: the memory being there changes nothing.
+    sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
+    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
+    sem_post(finish);
+    sem_close(finish);
+    EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
+    EXPECT_EQ(named.memory, nullptr);
+    EXPECT_EQ(openCountOf(name), 0);
+    os_sharememory_close(made, true);
+    os_sharememory_destroy(&made);
+    // With the lock given back, none of the late answers is taken for a
+    // later request's, a 1 ms timer interrupting every wait.
+    kill(manager.pid(), SIGCONT);
+    struct sigaction tick {};
+    tick.sa_handler = ignoreTick;
+    tick.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
+    sigaction(SIGALRM, &tick, nullptr);
+    const itimerval every1ms{{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &every1ms, nullptr);
+    int answered = 0;
+    for (int round = 0; round < 30; ++round) {
+        mutex_handle* mutex = os_mutex_create(name.c_str());
+        answered += mappingsOf(name) == 1;
+        os_mutex_destroy(&mutex);
+        answered += segmentSize(name) == -1; // the destroy was served too
+    }
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    signal(SIGALRM, SIG_DFL);
+    EXPECT_EQ(answered, 60);
+    stop.notify();
+    EXPECT_EQ(manager.wait().exitCode, 0);
+}
+
+TEST_F(ChannelFaults, ReservedAndAliasingNamesAreRefusedByClientAndManager) {
+    const std::string otherApp = uniqueName("otherapp");
+    sem_t* other = sem_open(otherApp.c_str(), O_CREAT, 0600, 0);
+    ASSERT_NE(other, SEM_FAILED);
+    const std::string plain = uniqueName("plain");
+    for (const std::string& name : {std::string(kChannelMemoryName), "sem." + std::string(kLockSemaphoreName),
+                                    "sem." + otherApp, "/" + plain, plain + "/x"}) {
+        event_handle* event = os_event_create(false, true, name.c_str());
+        EXPECT_FALSE(os_event_wait(event)) << name << " gave a usable handle";
+        os_event_destroy(&event);
+        OS::CSyncClient client; // a client that does not check names
+        ASSERT_TRUE(client.create());
+        client.lockChannel();
+        EXPECT_TRUE(client.requestCreate(name.c_str(), 52));
+        EXPECT_TRUE(client.requestDestroy(name.c_str()));
+        client.unlockChannel();
+        EXPECT_EQ(presentChannelEntries(), kChannelEntries) << name;
+        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029) << name;
+        EXPECT_EQ(segmentSize(plain), -1) << name;
+        EXPECT_EQ(segmentSize("sem." + otherApp), 32) << name;
+    }
+    sem_close(other);
+    sem_unlink(otherApp.c_str());
+    EXPECT_TRUE(createWorksWithin(plain, kDefaultTimeout));
+}
+
+TEST_F(ChannelFaults, AnotherKindsMemoryIsLeftAloneAndGivesAnUnusableHandle) {
+    const std::string name = uniqueName("kind");
+    mutex_handle* mutex = os_mutex_create(name.c_str());
+    os_mutex_lock(mutex);
+    const ChildResult other = runInChild(
+        [&] {
+            event_handle* event = os_event_create(false, true, name.c_str());
+            rw_mutex_handle* rw = os_rw_mutex_create(name.c_str());
+            os_rw_mutex_lock_wr(rw);
+            const bool unusable = !os_event_wait(event);
+            os_event_destroy(&event);
+            os_rw_mutex_destroy(&rw);
+            return unusable ? 0 : 1;
+        },
+        kDefaultTimeout, true);
+    EXPECT_EQ(other.exitCode, 0);
+    EXPECT_EQ(std::count(other.output.begin(), other.output.end(), '\n'), 2) << other.output;
+    EXPECT_EQ(openCountOf(name), 1) << "handed out as it is: neither resized nor cleared";
+    os_mutex_unlock(mutex);
+    os_mutex_destroy(&mutex);
+}
+
+TEST_F(ChannelFaults, EventSetAfterOwnerDeathWakesTheWaitersOfASetterThatDiedBeforeWaking) {
+    const std::string name = uniqueName("event");
+    event_handle* event = os_event_create(false, false, name.c_str());
+    Child waiter([&] {
+        event_handle* mine = os_event_create(false, false, name.c_str());
+        const bool woken = os_event_wait(mine);
+        os_event_destroy(&mine);
+        return woken ? 0 : 1;
+    });
+    const MappedObject memory(name);
+    ASSERT_NE(memory.bytes, nullptr);
+    constexpr size_t kWaitersOffset = 56, kMutexOffset = 4, kStateOffset = 101;
+    ASSERT_TRUE(eventually([&] { return __atomic_load_n(memory.bytes + kWaitersOffset, __ATOMIC_SEQ_CST) == 1; }));
+    // The setter stores the state and dies before it wakes anyone.
+    runInChild([&] {
+        pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(memory.bytes + kMutexOffset));
+        memory.bytes[kStateOffset] = 1;
+        return 0;
+    });
+    os_event_set_event(event);
+    EXPECT_EQ(waiter.wait().exitCode, 0);
+    os_event_destroy(&event);
+}
+
+TEST_F(ChannelFaults, FarDeadlinesWaitInsteadOfWrappingIntoThePast) {
+    for (const timespec deadline : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
+        for (const std::string& name : {std::string(), uniqueName("far")}) {
+            const std::string eventName = name + "_event";
+            semaphore_handle* semaphore = os_semaphore_create(0, name.empty() ? nullptr : name.c_str());
+            event_handle* event = os_event_create(false, false, name.empty() ? nullptr : eventName.c_str());
+            std::thread giver([&] {
+                os_thread_sleep_milliseconds(20);
+                os_semaphore_release(semaphore);
+                os_event_set_event(event);
+            });
+            EXPECT_TRUE(os_semaphore_wait_timeout(semaphore, deadline)) << name;
+            EXPECT_TRUE(os_event_wait_timeout(event, deadline)) << name;
+            giver.join();
+            os_semaphore_destroy(&semaphore);
+            os_event_destroy(&event);
+        }
+    }
 }
 
 } // namespace

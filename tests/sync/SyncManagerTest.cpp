@@ -1,18 +1,18 @@
-// The sync manager (its names, a second manager, client mode), the requests
-// the named-object protocol puts on its channel, the robust lock's report;
-// and what one killed, stopped or signalled process, or one unlucky name,
-// must not do to the machine's named objects.
+// The sync manager (its names, a second manager, client mode), the robust
+// lock's report, and what one killed, stopped or signalled process, or one
+// unlucky name, must not do to the machine's named objects.
 #include <fcntl.h>
 #include <semaphore.h>
 #include <signal.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include "SyncTestSupport.h"
+#include "common/NamedLayouts.h"
 #include "korvane/system.h"
 #include "os/sync/SyncInternal.h"
 
@@ -22,7 +22,6 @@ using namespace korvane::sync;
 using namespace kvtest;
 
 TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
-    ASSERT_TRUE(presentChannelEntries().empty());
     bool running = true;
     EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
     EXPECT_FALSE(running);
@@ -40,48 +39,11 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
     EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
     const int mapped = mappingsOf(kChannelMemoryName);
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), "");
-    EXPECT_TRUE(running);
+    EXPECT_TRUE(os_sync_environment_initialize(true));
     EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
-    // Another process finds it in client mode; as a second manager it fails
-    // and takes the channel memory's name with it.
-    const ChildResult other = runInChild(
-        [] {
-            if (!os_sync_environment_initialize(true))
-                return 1;
-            return os_sync_environment_initialize(false) ? 2 : 0;
-        },
-        kDefaultTimeout, true);
-    EXPECT_EQ(other.exitCode, 0);
-    EXPECT_EQ(other.output, "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
     os_sync_environment_uninitialize();
     EXPECT_TRUE(presentChannelEntries().empty());
     os_sync_environment_uninitialize(); // no manager: nothing to do
-}
-
-class NamedObjectProtocol : public SyncTest {};
-
-TEST_F(NamedObjectProtocol, TheLongestNameReachesTheManagerWhole) {
-    const std::string longest(kMaximumNameLength, 'L');
-    NamedObject named;
-    // The manager cannot make a file of that name, but it got the whole name.
-    EXPECT_FALSE(createOrOpenNamedObject(named, longest.c_str(), 52, nullptr, nullptr));
-    const MappedObject channel(kChannelMemoryName);
-    EXPECT_EQ(channel.bytes[0], kCreateRequest);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(channel.bytes + 8)), longest);
-}
-
-TEST_F(NamedObjectProtocol, ReleaseWithoutTheManagerKeepsTheCountAndUnmaps) {
-    const std::string orphan = name("orphan");
-    NamedObject named;
-    ASSERT_TRUE(createOrOpenNamedObject(named, orphan.c_str(), 16, nullptr, nullptr));
-    stopManager();
-    EXPECT_EQ(segmentSize(orphan), -1) << "stop removes every memory still held";
-    bool destroyed = false;
-    EXPECT_EQ(captureStdout([&] { releaseNamedObject(named, [&](uint8_t*) { destroyed = true; }); }), kNoChannelOutput);
-    EXPECT_FALSE(destroyed);
-    EXPECT_EQ(named.memory, nullptr);
 }
 
 TEST(RobustLock, ReportsAnErrorItCannotRepair) {
@@ -97,22 +59,40 @@ TEST(RobustLock, ReportsAnErrorItCannotRepair) {
     EXPECT_FALSE(robustLock(nullptr));
 }
 
-class ChannelFaults : public SyncTest {};
-
-// A named mutex made in a fresh process maps its memory within `bound`.
-bool createWorksWithin(const std::string& name, std::chrono::milliseconds bound) {
-    const auto mapped = [&] {
-        mutex_handle* mutex = os_mutex_create(name.c_str());
-        const bool served = mappingsOf(name) == 1;
-        os_mutex_destroy(&mutex);
-        return served ? 0 : 1;
-    };
-    return runInChild(mapped, bound).exitCode == 0;
+// The lock semaphore's value, as any process sees it.
+int lockValue() {
+    sem_t* lock = sem_open(kLockSemaphoreName, 0);
+    int value = -1;
+    sem_getvalue(lock, &value);
+    sem_close(lock);
+    return value;
 }
 
-TEST_F(ChannelFaults, LockOfALiveHolderStaysItsLockOfAKilledOneComesBackWithinTwoSeconds) {
+// No handler work: the timer only interrupts whatever the process waits in.
+void ignoreTick(int) {}
+
+// The manager runs in a process of its own, as korvane-syncd runs it, so that
+// it can be stopped and what it printed read.
+TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAreSurvived) {
+    ASSERT_TRUE(presentChannelEntries().empty());
+    Signal running;
+    Signal stop;
+    Child manager(
+        [&] {
+            if (!os_sync_environment_initialize(false))
+                return 1;
+            running.notify();
+            stop.waitFor();
+            os_sync_environment_uninitialize();
+            return 0;
+        },
+        true);
+    ASSERT_TRUE(running.waitFor());
+    // A process holding the channel's lock, as a client does during a create,
+    // keeps it while it lives, stopped or not; once it is killed the manager
+    // gives the lock back within two seconds, and says whose it was.
     Signal locked;
-    Child holder([&] { // holds the channel's lock, as a client does during a create
+    Child holder([&] {
         OS::CSyncClient client;
         if (!client.create())
             return 1;
@@ -123,122 +103,117 @@ TEST_F(ChannelFaults, LockOfALiveHolderStaysItsLockOfAKilledOneComesBackWithinTw
     });
     ASSERT_TRUE(locked.waitFor());
     const pid_t holderPid = holder.pid();
-    const std::string name = uniqueName("after_holder");
-    const std::string printed = captureStdout([&] {
-        kill(holderPid, SIGSTOP);
-        EXPECT_FALSE(createWorksWithin(name, 1500ms)) << "a stopped holder is alive";
-        kill(holderPid, SIGKILL);
-        holder.wait();
-        EXPECT_TRUE(createWorksWithin(name, 2500ms));
-    });
-    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
-    EXPECT_NE(printed.find(std::to_string(holderPid)), std::string::npos) << printed;
-}
-
-// No handler work: the timer only interrupts whatever the process waits in.
-void ignoreTick(int) {}
-
-// The manager runs in a process of its own, as korvane-syncd runs it, stopped
-// while requests come.
-TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndEveryLaterRequestGetsItsOwnAnswer) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    Signal running;
-    Signal stop;
-    Child manager([&] {
-        if (!os_sync_environment_initialize(false))
-            return 1;
-        running.notify();
-        stop.waitFor();
-        os_sync_environment_uninitialize();
-        return 0;
-    });
-    ASSERT_TRUE(running.waitFor());
+    kill(holderPid, SIGSTOP);
+    os_thread_sleep_milliseconds(1500);
+    EXPECT_EQ(lockValue(), 0) << "a stopped holder is alive";
+    kill(holderPid, SIGKILL);
+    holder.wait();
+    ASSERT_TRUE(eventually([] { return lockValue() == 1; }, 2500ms));
+    // Stopped, the manager answers nothing.
     int status = 0;
     kill(manager.pid(), SIGSTOP);
     ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
     const std::string name = uniqueName("in_step");
     NamedObject named;
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
-    // An answer left over on the finish semaphore is drained, not taken for
-    // this request's: the memory being there changes nothing.
+    // An answer left over on the finish semaphore is drained, and one that
+    // comes while a request waits is known by its number (an earlier
+    // request's): neither is taken for this request's, which the memory
+    // being there would show.
     sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
     sem_t* finish = sem_open(kFinishSemaphoreName, 0);
     sem_post(finish);
-    sem_close(finish);
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
+    const MappedObject channel(kChannelMemoryName);
+    const uint32_t earlier = 1;
+    std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
+    std::thread late([&] {
+        os_thread_sleep_milliseconds(20);
+        sem_post(finish);
+    });
+    EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
+    late.join();
+    sem_close(finish);
     EXPECT_EQ(named.memory, nullptr);
     EXPECT_EQ(openCountOf(name), 0);
     os_sharememory_close(made, true);
     os_sharememory_destroy(&made);
-    // With the lock given back, none of the late answers is taken for a
-    // later request's, a 1 ms timer interrupting every wait.
-    kill(manager.pid(), SIGCONT);
+    ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
+    // The manager goes on 20 ms into the next request, which gets its answer
+    // with the channel's lock given back, a signal interrupting its wait.
     struct sigaction tick {};
     tick.sa_handler = ignoreTick;
-    tick.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
     sigaction(SIGALRM, &tick, nullptr);
-    const itimerval every1ms{{0, 1000}, {0, 1000}};
-    setitimer(ITIMER_REAL, &every1ms, nullptr);
-    int answered = 0;
-    for (int round = 0; round < 30; ++round) {
-        mutex_handle* mutex = os_mutex_create(name.c_str());
-        answered += mappingsOf(name) == 1;
-        os_mutex_destroy(&mutex);
-        answered += segmentSize(name) == -1; // the destroy was served too
-    }
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
+    const pthread_t client = pthread_self();
+    std::thread resume([&] {
+        os_thread_sleep_milliseconds(10);
+        pthread_kill(client, SIGALRM);
+        os_thread_sleep_milliseconds(10);
+        kill(manager.pid(), SIGCONT);
+    });
+    mutex_handle* mutex = os_mutex_create(name.c_str());
+    EXPECT_EQ(mappingsOf(name), 1);
+    resume.join();
     signal(SIGALRM, SIG_DFL);
-    EXPECT_EQ(answered, 60);
+    os_mutex_destroy(&mutex);
+    // Another process finds the manager in client mode, silently; as a second
+    // manager it fails and takes the channel memory's name with it.
+    bool started = false;
+    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(true); }), "");
+    EXPECT_TRUE(started);
+    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(false); }),
+              "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
+    EXPECT_FALSE(started);
+    EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
     stop.notify();
-    EXPECT_EQ(manager.wait().exitCode, 0);
+    const ChildResult ended = manager.wait();
+    EXPECT_EQ(ended.exitCode, 0);
+    EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
+    EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
+    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
+class ChannelFaults : public SyncTest {};
+
 TEST_F(ChannelFaults, ReservedAndAliasingNamesAreRefusedByClientAndManager) {
-    const std::string otherApp = uniqueName("otherapp");
+    const std::string otherApp = name("otherapp");
     sem_t* other = sem_open(otherApp.c_str(), O_CREAT, 0600, 0);
-    ASSERT_NE(other, SEM_FAILED);
-    const std::string plain = uniqueName("plain");
-    for (const std::string& name : {std::string(kChannelMemoryName), "sem." + std::string(kLockSemaphoreName),
-                                    "sem." + otherApp, "/" + plain, plain + "/x"}) {
-        event_handle* event = os_event_create(false, true, name.c_str());
-        EXPECT_FALSE(os_event_wait(event)) << name << " gave a usable handle";
+    const std::string plain = name("plain");
+    for (const std::string& refused : {std::string(kChannelMemoryName), "sem." + std::string(kLockSemaphoreName),
+                                       "sem." + otherApp, "/" + plain, plain + "/x"}) {
+        SCOPED_TRACE(refused);
+        event_handle* event = os_event_create(false, true, refused.c_str());
+        EXPECT_FALSE(os_event_wait(event)) << "a usable handle";
         os_event_destroy(&event);
         OS::CSyncClient client; // a client that does not check names
         ASSERT_TRUE(client.create());
         client.lockChannel();
-        EXPECT_TRUE(client.requestCreate(name.c_str(), 52));
-        EXPECT_TRUE(client.requestDestroy(name.c_str()));
+        EXPECT_TRUE(client.requestCreate(refused.c_str(), 52));
+        EXPECT_TRUE(client.requestDestroy(refused.c_str()));
         client.unlockChannel();
-        EXPECT_EQ(presentChannelEntries(), kChannelEntries) << name;
-        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029) << name;
-        EXPECT_EQ(segmentSize(plain), -1) << name;
-        EXPECT_EQ(segmentSize("sem." + otherApp), 32) << name;
+        EXPECT_EQ(presentChannelEntries(), kChannelEntries);
+        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+        EXPECT_EQ(segmentSize(plain), -1);
+        EXPECT_EQ(segmentSize("sem." + otherApp), 32);
     }
     sem_close(other);
     sem_unlink(otherApp.c_str());
-    EXPECT_TRUE(createWorksWithin(plain, kDefaultTimeout));
 }
 
 TEST_F(ChannelFaults, AnotherKindsMemoryIsLeftAloneAndGivesAnUnusableHandle) {
-    const std::string name = uniqueName("kind");
-    mutex_handle* mutex = os_mutex_create(name.c_str());
-    os_mutex_lock(mutex);
+    const std::string shared = name("kind");
+    mutex_handle* mutex = os_mutex_create(shared.c_str());
     const ChildResult other = runInChild(
         [&] {
-            event_handle* event = os_event_create(false, true, name.c_str());
-            rw_mutex_handle* rw = os_rw_mutex_create(name.c_str());
-            os_rw_mutex_lock_wr(rw);
-            const bool unusable = !os_event_wait(event);
+            event_handle* event = os_event_create(false, true, shared.c_str());
+            const bool usable = os_event_wait(event);
             os_event_destroy(&event);
-            os_rw_mutex_destroy(&rw);
-            return unusable ? 0 : 1;
+            return usable ? 1 : 0;
         },
         kDefaultTimeout, true);
     EXPECT_EQ(other.exitCode, 0);
-    EXPECT_EQ(std::count(other.output.begin(), other.output.end(), '\n'), 2) << other.output;
-    EXPECT_EQ(openCountOf(name), 1) << "handed out as it is: neither resized nor cleared";
-    os_mutex_unlock(mutex);
+    EXPECT_EQ(std::count(other.output.begin(), other.output.end(), '\n'), 1) << other.output;
+    EXPECT_EQ(openCountOf(shared), 1) << "handed out as it is: neither resized nor cleared";
     os_mutex_destroy(&mutex);
 }
 

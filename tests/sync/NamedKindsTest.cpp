@@ -2,9 +2,11 @@
 // creators of a name in all processes, counted in its memory, removed by the
 // last destroy or when the manager stops; a mutex its dead holder left,
 // repaired; and unusable handles that return at once.
+#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
+#include <semaphore.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -18,19 +20,29 @@ using namespace kvtest;
 class NamedKinds : public SyncTest {};
 
 TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRemoves) {
-    for (const NamedKind& kind : namedKinds()) {
+    const std::vector<NamedKind>& kinds = namedKinds();
+    for (size_t index = 0; index < kinds.size(); ++index) {
+        const NamedKind& kind = kinds[index];
+        // A kind of another size on the same name gets an unusable handle,
+        // which the memory does not count.
+        const NamedKind& stranger = kinds[(index + 2) % kinds.size()];
         SCOPED_TRACE(kind.label);
         const std::string shared = name(kind.label);
         void* first = kind.create(shared.c_str());
         EXPECT_EQ(segmentSize(shared), kind.requestSize);
         EXPECT_EQ(openCountOf(shared), 1);
-        const ChildResult second = runInChild([&] {
-            void* other = kind.create(shared.c_str());
-            const int64_t count = openCountOf(shared);
-            kind.destroy(other);
-            return count == 2 ? 0 : 1;
-        });
+        const ChildResult second = runInChild(
+            [&] {
+                void* other = kind.create(shared.c_str());
+                void* unusable = stranger.create(shared.c_str());
+                const int64_t count = openCountOf(shared);
+                stranger.destroy(unusable);
+                kind.destroy(other);
+                return count == 2 ? 0 : 1;
+            },
+            kDefaultTimeout, true);
         EXPECT_EQ(second.exitCode, 0);
+        EXPECT_EQ(std::count(second.output.begin(), second.output.end(), '\n'), 1) << second.output;
         EXPECT_EQ(openCountOf(shared), 1) << "a destroy counts its handle out";
         kind.destroy(first);
         EXPECT_EQ(first, nullptr);
@@ -56,11 +68,9 @@ TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
                 pthread_mutex_unlock(mutex);
             return result;
         };
-        runInChild([&] {
-            pthread_mutex_lock(mutex);
-            _exit(0); // still mapped: the kernel marks the mutex as its owner's death
-            return 0;
-        });
+        // It exits with the memory still mapped: the kernel marks the mutex
+        // as its owner's death.
+        runInChild([&] { return pthread_mutex_lock(mutex); });
         // Give first, so that an event is set before it is waited for. A
         // mutex (the kinds of request size 52) is held once taken, as another
         // process sees.
@@ -100,8 +110,21 @@ std::string takeTwiceOnEveryKind(const std::string& name) {
     return child.output;
 }
 
-TEST_F(NamedKinds, EmptyOverlongAndUnservedNamesGiveHandlesThatReturnAtOnce) {
-    EXPECT_EQ(takeTwiceOnEveryKind(""), "");
+TEST_F(NamedKinds, EmptyOverlongRefusedAndUnservedNamesGiveHandlesThatReturnAtOnce) {
+    // Refused: the channel's own names, another program's semaphore, names
+    // with a slash, which could alias either.
+    const std::string otherApp = name("otherapp");
+    sem_t* other = sem_open(otherApp.c_str(), O_CREAT, 0600, 0);
+    const std::string plain = name("plain");
+    for (const std::string& refused : {std::string(), kChannelEntries[0], kChannelEntries[1], "sem." + otherApp,
+                                       "/" + plain, plain + "/x"})
+        EXPECT_EQ(takeTwiceOnEveryKind(refused), "") << refused;
+    EXPECT_EQ(presentChannelEntries(), kChannelEntries);
+    EXPECT_EQ(segmentSize(kChannelEntries[0]), 1029);
+    EXPECT_EQ(segmentSize("sem." + otherApp), 32);
+    EXPECT_EQ(segmentSize(plain), -1);
+    sem_close(other);
+    sem_unlink(otherApp.c_str());
     // 1023 characters reach the manager, which cannot make such a file.
     EXPECT_EQ(takeTwiceOnEveryKind(std::string(1023, 'n')),
               "can't access memory file[(null)], create event failed\n"

@@ -180,7 +180,6 @@ std::string takeTwiceOnEveryKind(const std::string& name) {
                 void* handle = kind.create(name.c_str());
                 kind.take(handle);
                 kind.take(handle);
-                kind.give(handle);
                 kind.destroy(handle);
             }
             return 0;

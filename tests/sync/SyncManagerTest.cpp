@@ -111,37 +111,30 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     kill(manager.pid(), SIGSTOP);
     ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
     const std::string name = uniqueName("in_step");
-    NamedObject named;
-    // An answer left over on the finish semaphore is drained, and one that
-    // comes while a request waits is known by its number (an earlier
-    // request's): neither is taken for this request's, which the memory
-    // being there would show.
+    // An answer left over on the finish semaphore is drained, not taken for
+    // this request's, which the memory being there would show.
     sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
     sem_t* finish = sem_open(kFinishSemaphoreName, 0);
     sem_post(finish);
+    NamedObject named;
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
-    const MappedObject channel(kChannelMemoryName);
-    const uint32_t earlier = 1;
-    std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
-    std::thread late([&] {
-        os_thread_sleep_milliseconds(20);
-        sem_post(finish);
-    });
-    EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
-    late.join();
-    sem_close(finish);
     EXPECT_EQ(openCountOf(name), 0);
     os_sharememory_close(made, true);
     os_sharememory_destroy(&made);
     ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
-    // The manager goes on 20 ms into the next request, which gets its answer
-    // with the channel's lock given back, a signal interrupting its wait.
+    // The manager goes on 20 ms into the next request. Its wait for the
+    // answer outlasts a signal, and an answer that comes first is known by
+    // its number as an earlier request's.
+    const MappedObject channel(kChannelMemoryName);
+    const uint32_t earlier = 1;
+    std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
     struct sigaction tick {};
     tick.sa_handler = ignoreTick;
     sigaction(SIGALRM, &tick, nullptr);
     const pthread_t client = pthread_self();
     std::thread resume([&] {
         os_thread_sleep_milliseconds(10);
+        sem_post(finish);
         pthread_kill(client, SIGALRM);
         os_thread_sleep_milliseconds(10);
         kill(manager.pid(), SIGCONT);
@@ -150,6 +143,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_EQ(mappingsOf(name), 1);
     resume.join();
     signal(SIGALRM, SIG_DFL);
+    sem_close(finish);
     os_mutex_destroy(&mutex);
     // Another process finds the manager in client mode, silently; as a second
     // manager it fails and takes the channel memory's name with it.

@@ -173,6 +173,24 @@ TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
     }
 }
 
+TEST_F(NamedKinds, EventSetAfterOwnerDeathWakesTheWaitersOfASetterThatDiedBeforeWaking) {
+    const std::string shared = name("event");
+    event_handle* event = os_event_create(false, false, shared.c_str());
+    Child waiter([&] { return os_event_wait(event) ? 0 : 1; }); // the handle maps the memory shared
+    const MappedObject memory(shared);
+    constexpr size_t kWaitersOffset = 56, kMutexOffset = 4, kStateOffset = 101;
+    ASSERT_TRUE(eventually([&] { return __atomic_load_n(memory.bytes + kWaitersOffset, __ATOMIC_SEQ_CST) == 1; }));
+    // The setter stores the state and dies before it wakes anyone.
+    runInChild([&] {
+        pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(memory.bytes + kMutexOffset));
+        memory.bytes[kStateOffset] = 1;
+        return 0;
+    });
+    os_event_set_event(event);
+    EXPECT_EQ(waiter.wait().exitCode, 0);
+    os_event_destroy(&event);
+}
+
 // Creates every kind on `name` in a child and takes each twice, which blocks
 // on a real object; on an unusable handle it returns at once (a hang fails
 // through the child's time limit). Returns what the creations printed.
@@ -196,7 +214,7 @@ TEST_F(NamedKinds, EmptyOverlongRefusedAndUnservedNamesGiveHandlesThatReturnAtOn
     // Refused: the channel's own names, another program's semaphore, names
     // with a slash, which could alias either.
     const std::string otherApp = name("otherapp");
-    sem_t* other = sem_open(otherApp.c_str(), O_CREAT, 0600, 0);
+    sem_close(sem_open(otherApp.c_str(), O_CREAT, 0600, 0)); // its name stays until unlinked
     const std::string plain = name("plain");
     for (const std::string& refused : {std::string(), kChannelEntries[0], kChannelEntries[1], "sem." + otherApp,
                                        "/" + plain, plain + "/x"})
@@ -205,7 +223,6 @@ TEST_F(NamedKinds, EmptyOverlongRefusedAndUnservedNamesGiveHandlesThatReturnAtOn
     EXPECT_EQ(segmentSize(kChannelEntries[0]), 1029);
     EXPECT_EQ(segmentSize("sem." + otherApp), 32);
     EXPECT_EQ(segmentSize(plain), -1);
-    sem_close(other);
     sem_unlink(otherApp.c_str());
     // 1023 characters reach the manager, which cannot make such a file.
     EXPECT_EQ(takeTwiceOnEveryKind(std::string(1023, 'n')),

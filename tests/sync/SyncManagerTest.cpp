@@ -1,6 +1,6 @@
 // The sync manager (its names, a second manager, client mode), the robust
-// lock's report, and what one killed, stopped or signalled process, or one
-// unlucky name, must not do to the machine's named objects.
+// lock's report, far deadlines, and what one killed, stopped or signalled
+// process must not do to the channel.
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -33,16 +33,14 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
         event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
         EXPECT_TRUE(os_event_wait(event)) << round;
         os_event_destroy(&event);
+        EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
+        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+        const int mapped = mappingsOf(kChannelMemoryName);
+        EXPECT_TRUE(os_sync_environment_initialize(true));
+        EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
         os_sync_environment_uninitialize();
+        EXPECT_TRUE(presentChannelEntries().empty());
     }
-    ASSERT_TRUE(os_sync_environment_initialize(false));
-    EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
-    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
-    const int mapped = mappingsOf(kChannelMemoryName);
-    EXPECT_TRUE(os_sync_environment_initialize(true));
-    EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
-    os_sync_environment_uninitialize();
-    EXPECT_TRUE(presentChannelEntries().empty());
     os_sync_environment_uninitialize(); // no manager: nothing to do
 }
 
@@ -160,26 +158,6 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
     EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
     EXPECT_TRUE(presentChannelEntries().empty());
-}
-
-class ChannelFaults : public SyncTest {};
-
-TEST_F(ChannelFaults, EventSetAfterOwnerDeathWakesTheWaitersOfASetterThatDiedBeforeWaking) {
-    const std::string name = uniqueName("event");
-    event_handle* event = os_event_create(false, false, name.c_str());
-    Child waiter([&] { return os_event_wait(event) ? 0 : 1; }); // the handle maps the memory shared
-    const MappedObject memory(name);
-    constexpr size_t kWaitersOffset = 56, kMutexOffset = 4, kStateOffset = 101;
-    ASSERT_TRUE(eventually([&] { return __atomic_load_n(memory.bytes + kWaitersOffset, __ATOMIC_SEQ_CST) == 1; }));
-    // The setter stores the state and dies before it wakes anyone.
-    runInChild([&] {
-        pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(memory.bytes + kMutexOffset));
-        memory.bytes[kStateOffset] = 1;
-        return 0;
-    });
-    os_event_set_event(event);
-    EXPECT_EQ(waiter.wait().exitCode, 0);
-    os_event_destroy(&event);
 }
 
 // Far deadlines stay far for every wait that reads them, instead of wrapping

@@ -1,10 +1,21 @@
-// What every named kind shares: its memory request size, one object for all
-// creators of a name in all processes, counted in its memory, removed by the
-// last destroy; and unusable handles that return at once.
+// The shared memory segments named objects are built on: create takes over
+// and resets, close unlinks only when asked, destroy and failures never
+// unlink (that open maps what exists every test reading a named object's
+// memory shows). What every named kind shares: its memory request size, one
+// object for all creators of a name in all processes, counted in its memory,
+// removed by the last destroy or when the manager stops; a mutex its dead
+// holder left, repaired; and unusable handles that return at once.
+#include <fcntl.h>
 #include <pthread.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "NamedKinds.h"
@@ -14,28 +25,170 @@ namespace {
 
 using namespace kvtest;
 
+bool allZero(const void* buffer, size_t size) {
+    const uint8_t* bytes = static_cast<const uint8_t*>(buffer);
+    return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; });
+}
+
+// Of the fixture only its names are used: it removes them whatever the test did.
+class ShareMemory : public SyncTest {};
+
+TEST_F(ShareMemory, CreateTakesOverAndResetsCloseUnlinksOnlyWhenAsked) {
+    const std::string segment = name("segment");
+    sharememory_handle* first = os_sharememory_create(segment.c_str(), 64);
+    ASSERT_NE(first, nullptr);
+    void* firstBuffer = os_sharememory_get_buffer(first);
+    std::memset(firstBuffer, 0x5A, 64);
+    sharememory_handle* second = os_sharememory_create(segment.c_str(), 5000);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(segmentSize(segment), 5000);
+    EXPECT_TRUE(allZero(os_sharememory_get_buffer(second), 5000));
+    EXPECT_TRUE(allZero(firstBuffer, 64)) << "both handles map the one segment";
+    os_sharememory_destroy(&first);
+    EXPECT_EQ(first, nullptr);
+    EXPECT_EQ(segmentSize(segment), 5000) << "destroy never removes the name";
+    os_sharememory_close(second, false);
+    EXPECT_EQ(os_sharememory_get_buffer(second), MAP_FAILED);
+    EXPECT_EQ(segmentSize(segment), 5000);
+    os_sharememory_close(second, true); // unlinks even with nothing mapped
+    errno = 0;
+    EXPECT_EQ(os_sharememory_open(segment.c_str()), nullptr);
+    EXPECT_EQ(errno, ENOENT) << "a failed open keeps errno for its callers' messages";
+    os_sharememory_destroy(&second);
+}
+
+TEST_F(ShareMemory, FailuresGiveNullAndNeverUnlinkAndPageLockingIsOptional) {
+    const std::string segment = name("segment");
+    EXPECT_EQ(os_sharememory_create(segment.c_str(), 0), nullptr);
+    EXPECT_EQ(segmentSize(segment), 0) << "a failed create leaves the segment it made";
+    EXPECT_EQ(os_sharememory_open(segment.c_str()), nullptr);
+    EXPECT_EQ(os_sharememory_create(nullptr, 16), nullptr);
+    EXPECT_EQ(os_sharememory_open(nullptr), nullptr);
+    EXPECT_EQ(os_sharememory_get_buffer(nullptr), nullptr);
+    os_sharememory_close(nullptr, true);
+    os_sharememory_destroy(nullptr);
+    // A size the folder cannot hold fails here, not as SIGBUS on first use
+    // (where the folder holds 4 GiB, no 32-bit size is too big).
+    struct statvfs folder;
+    if (statvfs("/dev/shm", &folder) == 0 && uint64_t{folder.f_blocks} * folder.f_frsize < UINT32_MAX - 4096) {
+        EXPECT_EQ(os_sharememory_create(segment.c_str(), folder.f_blocks * folder.f_frsize + 4096), nullptr);
+    }
+    // Where pages cannot be locked, create maps them unlocked (root may lock
+    // regardless of the limit, so the child gives up root).
+    const std::string unlockable = name("unlockable");
+    const ChildResult unlocked = runInChild([&] {
+        const struct rlimit none = {0, 0};
+        if (setrlimit(RLIMIT_MEMLOCK, &none) != 0 || (geteuid() == 0 && setuid(65534) != 0))
+            return 2;
+        sharememory_handle* memory = os_sharememory_create(unlockable.c_str(), 256);
+        const bool mapped = memory != nullptr && allZero(os_sharememory_get_buffer(memory), 256);
+        os_sharememory_destroy(&memory);
+        return mapped ? 0 : 1;
+    });
+    EXPECT_EQ(unlocked.exitCode, 0);
+}
+
 class NamedKinds : public SyncTest {};
 
 TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRemoves) {
-    for (const NamedKind& kind : namedKinds()) {
+    const std::vector<NamedKind>& kinds = namedKinds();
+    for (size_t index = 0; index < kinds.size(); ++index) {
+        const NamedKind& kind = kinds[index];
+        // A kind of another size on the same name gets an unusable handle,
+        // which the memory does not count.
+        const NamedKind& stranger = kinds[(index + 2) % kinds.size()];
+        SCOPED_TRACE(kind.label);
         const std::string shared = name(kind.label);
+        // A memory left under the name by a crashed run is taken over and reset.
+        sharememory_handle* leftover = os_sharememory_create(shared.c_str(), 16);
+        std::memset(os_sharememory_get_buffer(leftover), 0xFF, 16);
+        os_sharememory_destroy(&leftover);
         void* first = kind.create(shared.c_str());
-        EXPECT_EQ(segmentSize(shared), kind.requestSize) << kind.label;
-        EXPECT_EQ(openCountOf(shared), 1) << kind.label;
-        const ChildResult second = runInChild([&] {
-            void* other = kind.create(shared.c_str());
-            if (openCountOf(shared) != 2)
-                return 1;
-            kind.destroy(other);
-            return other == nullptr ? 0 : 2;
-        });
-        EXPECT_EQ(second.exitCode, 0) << kind.label;
-        EXPECT_EQ(openCountOf(shared), 1) << kind.label << ": a destroy counts its handle out";
+        EXPECT_EQ(segmentSize(shared), kind.requestSize);
+        EXPECT_EQ(openCountOf(shared), 1);
+        const ChildResult second = runInChild(
+            [&] {
+                void* other = kind.create(shared.c_str());
+                void* unusable = stranger.create(shared.c_str());
+                const int64_t count = openCountOf(shared);
+                stranger.destroy(unusable);
+                kind.destroy(other);
+                return count == 2 ? 0 : 1;
+            },
+            kDefaultTimeout, true);
+        EXPECT_EQ(second.exitCode, 0);
+        EXPECT_EQ(std::count(second.output.begin(), second.output.end(), '\n'), 1) << second.output;
+        EXPECT_EQ(openCountOf(shared), 1) << "a destroy counts its handle out";
         kind.destroy(first);
         EXPECT_EQ(first, nullptr);
-        EXPECT_EQ(segmentSize(shared), -1) << kind.label << ": the last destroy removes the memory";
+        EXPECT_EQ(segmentSize(shared), -1) << "the last destroy removes the memory";
+        // The variable a destroy nulled is ignored by every function (the
+        // results of the waits are checked with every bool result).
+        kind.take(first);
+        kind.give(first);
+        kind.destroy(first);
     }
-    EXPECT_TRUE(shmEntriesContaining(namePrefix()).empty());
+    os_event_reset_event(nullptr);
+    os_rw_mutex_lock_rd(nullptr);
+    os_event_destroy(nullptr); // a null address too, for every family alike
+}
+
+// A process dies holding a named object's robust mutex; the next user, in
+// another process (so that a fault cannot hang the test), repairs it
+// silently, and it is free and consistent afterwards.
+TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
+    for (const NamedKind& kind : namedKinds()) {
+        if (kind.mutexOffset == 0)
+            continue;
+        SCOPED_TRACE(kind.label);
+        const std::string shared = name(kind.label);
+        void* survivor = kind.create(shared.c_str());
+        const MappedObject memory(shared);
+        pthread_mutex_t* mutex = reinterpret_cast<pthread_mutex_t*>(memory.bytes + kind.mutexOffset);
+        const auto tryLock = [&] {
+            const int result = pthread_mutex_trylock(mutex);
+            if (result == 0)
+                pthread_mutex_unlock(mutex);
+            return result;
+        };
+        // It exits with the memory still mapped: the kernel marks the mutex
+        // as its owner's death.
+        runInChild([&] { return pthread_mutex_lock(mutex); });
+        // Give first, so that an event is set before it is waited for. A
+        // mutex (the kinds of request size 52) is held once taken, as another
+        // process sees.
+        const ChildResult user = runInChild(
+            [&] {
+                kind.give(survivor);
+                kind.take(survivor);
+                const int seen = runInChild(tryLock).exitCode;
+                kind.give(survivor);
+                return seen == (kind.requestSize == 52 ? EBUSY : 0) ? 0 : 1;
+            },
+            kDefaultTimeout, true);
+        EXPECT_EQ(user.exitCode, 0);
+        EXPECT_EQ(user.output, "");
+        EXPECT_EQ(tryLock(), 0) << "left held or inconsistent";
+        kind.destroy(survivor); // the dead process's count keeps the memory until the manager stops
+    }
+}
+
+TEST_F(NamedKinds, EventSetAfterOwnerDeathWakesTheWaitersOfASetterThatDiedBeforeWaking) {
+    const std::string shared = name("event");
+    event_handle* event = os_event_create(false, false, shared.c_str());
+    Child waiter([&] { return os_event_wait(event) ? 0 : 1; }); // the handle maps the memory shared
+    const MappedObject memory(shared);
+    constexpr size_t kWaitersOffset = 56, kMutexOffset = 4, kStateOffset = 101;
+    ASSERT_TRUE(eventually([&] { return __atomic_load_n(memory.bytes + kWaitersOffset, __ATOMIC_SEQ_CST) == 1; }));
+    // The setter stores the state and dies before it wakes anyone.
+    runInChild([&] {
+        pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(memory.bytes + kMutexOffset));
+        memory.bytes[kStateOffset] = 1;
+        return 0;
+    });
+    os_event_set_event(event);
+    EXPECT_EQ(waiter.wait().exitCode, 0);
+    os_event_destroy(&event);
 }
 
 // Creates every kind on `name` in a child and takes each twice, which blocks
@@ -48,7 +201,6 @@ std::string takeTwiceOnEveryKind(const std::string& name) {
                 void* handle = kind.create(name.c_str());
                 kind.take(handle);
                 kind.take(handle);
-                kind.give(handle);
                 kind.destroy(handle);
             }
             return 0;
@@ -58,80 +210,38 @@ std::string takeTwiceOnEveryKind(const std::string& name) {
     return child.output;
 }
 
-// A process dies holding a named object's robust mutex; the next user, in
-// another process (so that a fault cannot hang the test), repairs it
-// silently, and it is free and consistent afterwards.
-TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
-    for (const NamedKind& kind : namedKinds()) {
-        if (kind.mutexOffset == 0)
-            continue;
-        const std::string shared = name(kind.label);
-        void* survivor = kind.create(shared.c_str());
-        const MappedObject memory(shared);
-        pthread_mutex_t* mutex = reinterpret_cast<pthread_mutex_t*>(memory.bytes + kind.mutexOffset);
-        const ChildResult dead = runInChild([&] {
-            pthread_mutex_lock(mutex);
-            _exit(0); // still mapped: the kernel marks the mutex as its owner's death
-            return 0;
-        });
-        ASSERT_TRUE(dead.exited);
-        // Give first, so that an event is set before it is waited for. A
-        // mutex (the kinds of request size 52) is held once taken, as another
-        // process sees.
-        const ChildResult user = runInChild(
-            [&] {
-                kind.give(survivor);
-                kind.take(survivor);
-                const int seen = runInChild([&] {
-                                     const int result = pthread_mutex_trylock(mutex);
-                                     if (result == 0)
-                                         pthread_mutex_unlock(mutex);
-                                     return result == EBUSY ? 1 : 0;
-                                 }).exitCode;
-                kind.give(survivor);
-                return seen == (kind.requestSize == 52 ? 1 : 0) ? 0 : 1;
-            },
-            kDefaultTimeout, true);
-        EXPECT_EQ(user.exitCode, 0) << kind.label;
-        EXPECT_EQ(user.output, "") << kind.label;
-        ASSERT_EQ(pthread_mutex_trylock(mutex), 0) << kind.label << ": left held or inconsistent";
-        pthread_mutex_unlock(mutex);
-        kind.destroy(survivor); // the dead process's count keeps the memory until the manager stops
-    }
-}
-
-TEST_F(NamedKinds, EmptyAndOverlongNamesGiveHandlesThatReturnAtOnce) {
-    EXPECT_EQ(takeTwiceOnEveryKind(""), "");
+TEST_F(NamedKinds, EmptyOverlongRefusedAndUnservedNamesGiveHandlesThatReturnAtOnce) {
+    // Refused: the channel's own names, another program's semaphore, names
+    // with a slash, which could alias either.
+    const std::string otherApp = name("otherapp");
+    sem_close(sem_open(otherApp.c_str(), O_CREAT, 0600, 0)); // its name stays until unlinked
+    const std::string plain = name("plain");
+    for (const std::string& refused : {std::string(), kChannelEntries[0], kChannelEntries[1], "sem." + otherApp,
+                                       "/" + plain, plain + "/x"})
+        EXPECT_EQ(takeTwiceOnEveryKind(refused), "") << refused;
+    EXPECT_EQ(presentChannelEntries(), kChannelEntries);
+    EXPECT_EQ(segmentSize(kChannelEntries[0]), 1029);
+    EXPECT_EQ(segmentSize("sem." + otherApp), 32);
+    EXPECT_EQ(segmentSize(plain), -1);
+    sem_unlink(otherApp.c_str());
     // 1023 characters reach the manager, which cannot make such a file.
     EXPECT_EQ(takeTwiceOnEveryKind(std::string(1023, 'n')),
               "can't access memory file[(null)], create event failed\n"
               "can't access memory file[(null)], create semaphore failed\n");
-}
-
-TEST(NamedKindsWithoutManager, HandlesAreUnusableAfterTheChannelsFourMessages) {
-    ASSERT_TRUE(presentChannelEntries().empty());
+    // A handle released after the manager stopped (which removed its memory)
+    // is unmapped all the same, the message saying why the count stays.
+    const NamedKind& mutexKind = namedKinds()[0];
+    const std::string held = name("held");
+    void* mutex = mutexKind.create(held.c_str());
+    stopManager();
+    EXPECT_EQ(segmentSize(held), -1) << "stop removes every memory still held";
+    EXPECT_EQ(captureStdout([&] { mutexKind.destroy(mutex); }), kNoChannelOutput);
+    EXPECT_EQ(mappingsOf(held), 0);
     std::string expected;
     for (size_t kind = 0; kind < namedKinds().size(); ++kind)
         expected += kNoChannelOutput;
-    EXPECT_EQ(takeTwiceOnEveryKind(uniqueName("nomanager")), expected);
+    EXPECT_EQ(takeTwiceOnEveryKind(name("nomanager")), expected);
     EXPECT_EQ(takeTwiceOnEveryKind(std::string(1024, 'n')), "") << "refused before the channel is tried";
-}
-
-TEST(NamedKindsBadInput, NullHandlesAreIgnored) {
-    for (const NamedKind& kind : namedKinds()) {
-        kind.take(nullptr);
-        kind.give(nullptr);
-        void* none = nullptr;
-        kind.destroy(none);
-    }
-    EXPECT_FALSE(os_event_wait(nullptr));
-    EXPECT_FALSE(os_event_wait_timeout(nullptr, pastDeadline()));
-    os_event_reset_event(nullptr);
-    EXPECT_FALSE(os_semaphore_wait(nullptr));
-    EXPECT_FALSE(os_semaphore_wait_timeout(nullptr, pastDeadline()));
-    EXPECT_FALSE(os_semaphore_set_undo_track(nullptr, true));
-    os_rw_mutex_lock_rd(nullptr);
-    os_event_destroy(nullptr); // a null address too, for every family alike
 }
 
 } // namespace

@@ -1,19 +1,19 @@
-// The sync manager (its names, a second manager, client mode, how it serves
-// requests), the named-object protocol every named kind follows, and the
-// robust lock's report.
-#include <fcntl.h>
+// The sync manager (its names, a second manager, client mode), the robust
+// lock's report, far deadlines, and what one killed, stopped or signalled
+// process must not do to the channel.
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <climits>
 #include <cstring>
-#include <thread>
 
 #include "SyncTestSupport.h"
+#include "common/NamedLayouts.h"
+#include "korvane/system.h"
+#include "os/sync/Deadline.h"
 #include "os/sync/SyncInternal.h"
 
 namespace {
@@ -22,217 +22,26 @@ using namespace korvane::sync;
 using namespace kvtest;
 
 TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
-    ASSERT_TRUE(presentChannelEntries().empty());
     bool running = true;
     EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
     EXPECT_FALSE(running);
-    ASSERT_TRUE(os_sync_environment_initialize(false));
-    EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
-    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
-    const int mapped = mappingsOf(kChannelMemoryName);
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), "");
-    EXPECT_TRUE(running);
-    EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
-    EXPECT_EQ(runInChild([] { return os_sync_environment_initialize(true) ? 0 : 1; }).exitCode, 0);
-    os_sync_environment_uninitialize();
-    EXPECT_TRUE(presentChannelEntries().empty());
-    os_sync_environment_uninitialize(); // no manager: nothing to do
-    ASSERT_TRUE(os_sync_environment_initialize(false)) << "a stopped manager must not block the next";
-    os_sync_environment_uninitialize();
-}
-
-TEST(SyncManagerLife, SecondManagerFailsAndRemovesTheChannelMemoryName) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    const ChildResult child = runInChild(
-        [] {
-            if (!os_sync_environment_initialize(false) ||
-                !eventually([] { return presentChannelEntries() == kChannelEntries; }))
-                return 1;
-            const bool second = os_sync_environment_initialize(false);
-            std::fflush(stdout);
-            // The first manager's thread runs on, unreachable: its channel
-            // memory's name is gone, its semaphores stay.
-            const bool semaphoresLeft = presentChannelEntries() ==
-                                        std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end());
-            os_sync_environment_uninitialize(); // the global is null: nothing happens
-            return second ? 2 : semaphoresLeft ? 0 : 3;
-        },
-        10s, true);
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.output, "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    for (const char* name : {kLockSemaphoreName, kRequestSemaphoreName, kFinishSemaphoreName})
-        sem_unlink(name);
-}
-
-// Sends one request as a client does; true when the manager answered.
-bool ask(uint32_t operation, const std::string& name, uint32_t size = 0) {
-    OS::CSyncClient client;
-    if (!client.create())
-        return false;
-    client.lockChannel();
-    bool answered = false;
-    if (operation == kCreateRequest) {
-        answered = client.requestCreate(name.c_str(), size);
-    } else if (operation == kDestroyRequest) {
-        answered = client.requestDestroy(name.c_str());
-    } else {
-        writeMemoryRequest(static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory)),
-                           MemoryRequest{operation, size, name});
-        sem_post(client.requestSemaphore);
-        answered = waitForAnswer(client.finishSemaphore);
-    }
-    client.unlockChannel();
-    return answered;
-}
-
-class SyncManager : public SyncTest {};
-
-TEST_F(SyncManager, ServesEachRequestAndStopRemovesWhatItHolds) {
-    const std::string stale = name("stale");
-    sharememory_handle* leftover = os_sharememory_create(stale.c_str(), 16);
-    std::memset(os_sharememory_get_buffer(leftover), 0xFF, 16);
-    os_sharememory_destroy(&leftover);
-    ASSERT_TRUE(ask(kCreateRequest, stale, 52));
-    EXPECT_EQ(segmentSize(stale), 52);
-    const MappedObject taken(stale);
-    EXPECT_EQ(std::count(taken.bytes, taken.bytes + 52, 0), 52) << "a leftover segment is taken over and reset";
-    const std::string served = name("served");
-    ASSERT_TRUE(ask(kCreateRequest, served, 64));
-    MappedObject(served).bytes[0] = 0x5A;
-    ASSERT_TRUE(ask(kCreateRequest, served, 4096));
-    EXPECT_EQ(segmentSize(served), 64) << "an existing memory is handed out as it is";
-    EXPECT_EQ(openCountOf(served), 0x5A) << "and is not cleared";
-    struct Unservable {
-        uint32_t operation;
-        std::string name;
-        uint32_t size;
-    };
-    const std::string sizeless = name("sizeless");
-    for (const Unservable& request :
-         {Unservable{kDestroyRequest, name("unknown"), 0}, Unservable{kDestroyRequest, "", 0},
-          Unservable{kCreateRequest, sizeless, 0}, Unservable{kCreateRequest, "", 52}, Unservable{7, served, 0}}) {
-        EXPECT_TRUE(ask(request.operation, request.name, request.size)) << "every request is answered";
-        EXPECT_EQ(segmentSize(served), 64) << "operation " << request.operation << " on '" << request.name << "'";
-    }
-    EXPECT_EQ(segmentSize(sizeless), -1);
-    // A create must not take over the channel memory or a named semaphore's
-    // file: one request would break the channel or another program.
-    const std::string semaphore = name("semaphore");
-    sem_t* other = sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 3);
-    for (const std::string& taken : {std::string(kChannelMemoryName), "//" + std::string(kChannelMemoryName),
-                                     "sem." + semaphore})
-        EXPECT_TRUE(ask(kCreateRequest, taken, 16)) << taken;
-    EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
-    int value = 0;
-    EXPECT_TRUE(sem_getvalue(other, &value) == 0 && value == 3);
-    sem_close(other);
-    sem_unlink(semaphore.c_str());
-    ASSERT_TRUE(ask(kDestroyRequest, served));
-    EXPECT_EQ(segmentSize(served), -1);
-    stopManager();
-    EXPECT_EQ(segmentSize(stale), -1) << "stop removes every memory still held";
-}
-
-class NamedObjectProtocol : public SyncTest {};
-
-TEST_F(NamedObjectProtocol, LongestNameReachesTheManagerWithinTheMappingOneMoreNeverDoes) {
-    const std::string longest(kMaximumNameLength, 'L');
-    NamedObject named;
-    // The manager cannot make a file of that name, but it got the whole name.
-    EXPECT_FALSE(createOrOpenNamedObject(named, longest.c_str(), 52, nullptr, nullptr));
-    const MappedObject channel(kChannelMemoryName);
-    const std::vector<uint8_t> request(channel.bytes, channel.bytes + 8 + longest.size() + 1);
-    EXPECT_EQ(request[0], kCreateRequest);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(request.data() + 8)), longest);
-    EXPECT_FALSE(createOrOpenNamedObject(named, (longest + "T").c_str(), 60, nullptr, nullptr));
-    EXPECT_EQ(std::vector<uint8_t>(channel.bytes, channel.bytes + request.size()), request)
-        << "a longer name never reaches the channel";
-    // Requests are written and read no further than the mapping.
-    std::vector<uint8_t> buffer(channelMappedBytes(), 'z');
-    const MemoryRequest tooLong{kDestroyRequest, 0, std::string(channelMappedBytes() - 4, 'x')};
-    EXPECT_FALSE(writeMemoryRequest(buffer.data(), tooLong));
-    EXPECT_EQ(std::count(buffer.begin(), buffer.end(), 'z'), static_cast<long>(buffer.size()));
-    std::memcpy(buffer.data(), &tooLong.operation, sizeof tooLong.operation);
-    EXPECT_EQ(readMemoryRequest(buffer.data()).name.size(), channelMappedBytes() - 4) << "a name without NUL";
-}
-
-TEST_F(NamedObjectProtocol, ReleaseWithoutTheManagerKeepsTheCountAndUnmaps) {
-    NamedObject named;
-    ASSERT_TRUE(createOrOpenNamedObject(named, name("orphan").c_str(), 16, nullptr, nullptr));
-    stopManager();
-    bool destroyed = false;
-    EXPECT_EQ(captureStdout([&] { releaseNamedObject(named, [&](uint8_t*) { destroyed = true; }); }), kNoChannelOutput);
-    EXPECT_FALSE(destroyed);
-    EXPECT_EQ(named.memory, nullptr);
-}
-
-// The lock semaphore's value, as any process sees it.
-int lockValue() {
-    sem_t* lock = sem_open(kLockSemaphoreName, 0);
-    int value = -1;
-    sem_getvalue(lock, &value);
-    sem_close(lock);
-    return value;
-}
-
-TEST(AnswerWait, OutlastsSignals) {
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = SA_RESTART; // sem_timedwait ends at a signal all the same
-    sigaction(SIGUSR1, &action, &previous);
-    sem_t answer;
-    sem_init(&answer, 0, 0);
-    std::atomic<bool> answered{false};
-    std::thread waiter([&] { answered = waitForAnswer(&answer); });
-    for (int i = 0; i < 5; ++i) {
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    sem_post(&answer);
-    waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    sem_destroy(&answer);
-    EXPECT_TRUE(answered);
-}
-
-// A manager that does not answer: the process running it is stopped.
-TEST(FrozenManager, UnansweredRequestsLeaveTheChannelFreeAndRemoveNothing) {
-    ASSERT_TRUE(presentChannelEntries().empty());
-    Signal running;
-    Child manager([&] {
-        const auto channelReady = [] { return presentChannelEntries() == kChannelEntries; };
-        if (!os_sync_environment_initialize(false) || !eventually(channelReady))
-            return 1;
-        running.notify();
-        raise(SIGSTOP);
+    // A create right after a start finds the manager ready, and a stopped
+    // manager does not block the next one.
+    const std::string ready = uniqueName("ready");
+    for (int round = 0; round < 10; ++round) {
+        ASSERT_TRUE(os_sync_environment_initialize(false));
+        event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
+        EXPECT_TRUE(os_event_wait(event)) << round;
+        os_event_destroy(&event);
+        EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
+        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
+        const int mapped = mappingsOf(kChannelMemoryName);
+        EXPECT_TRUE(os_sync_environment_initialize(true));
+        EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
         os_sync_environment_uninitialize();
-        return 0;
-    });
-    int status = 0;
-    ASSERT_TRUE(running.waitFor());
-    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
-    const std::string unanswered = uniqueName("unanswered");
-    NamedObject named;
-    bool initialised = false;
-    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr,
-                                         [&](uint8_t*, key_t) { initialised = true; }));
-    EXPECT_FALSE(initialised);
-    EXPECT_EQ(named.memory, nullptr);
-    EXPECT_EQ(lockValue(), 1) << "the lock semaphore must be given back";
-    // An answer left over on the finish semaphore is drained, not taken for
-    // this request's: the memory being there changes nothing.
-    sharememory_handle* made = os_sharememory_create(unanswered.c_str(), 52);
-    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
-    sem_post(finish);
-    sem_close(finish);
-    EXPECT_FALSE(createOrOpenNamedObject(named, unanswered.c_str(), 52, nullptr, nullptr));
-    EXPECT_EQ(lockValue(), 1);
-    EXPECT_EQ(openCountOf(unanswered), 0);
-    os_sharememory_close(made, true);
-    os_sharememory_destroy(&made);
-    kill(manager.pid(), SIGCONT);
-    EXPECT_EQ(manager.wait().exitCode, 0);
+        EXPECT_TRUE(presentChannelEntries().empty());
+    }
+    os_sync_environment_uninitialize(); // no manager: nothing to do
 }
 
 TEST(RobustLock, ReportsAnErrorItCannotRepair) {
@@ -246,6 +55,150 @@ TEST(RobustLock, ReportsAnErrorItCannotRepair) {
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     EXPECT_FALSE(robustLock(nullptr));
+}
+
+// The lock semaphore's value, as any process sees it.
+int lockValue() {
+    sem_t* lock = sem_open(kLockSemaphoreName, 0);
+    int value = -1;
+    sem_getvalue(lock, &value);
+    sem_close(lock);
+    return value;
+}
+
+// No handler work: the timer only interrupts whatever the process waits in.
+void ignoreTick(int) {}
+
+// The manager runs in a process of its own, as korvane-syncd runs it, so that
+// it can be stopped and what it printed read.
+TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAreSurvived) {
+    Signal running;
+    Signal stop;
+    Child manager(
+        [&] {
+            if (!os_sync_environment_initialize(false))
+                return 1;
+            running.notify();
+            stop.waitFor();
+            os_sync_environment_uninitialize();
+            return 0;
+        },
+        true);
+    ASSERT_TRUE(running.waitFor());
+    // The channel's lock stays with a live holder (this process) however long
+    // it holds it; a dead one's (a client killed during a create) comes back
+    // within two seconds, and the manager says whose it was.
+    OS::CSyncClient live;
+    ASSERT_TRUE(live.create());
+    live.lockChannel();
+    os_thread_sleep_milliseconds(1500);
+    EXPECT_EQ(lockValue(), 0) << "a live holder's lock is taken";
+    live.unlockChannel();
+    Child holder([] {
+        OS::CSyncClient client;
+        if (!client.create())
+            return 1;
+        client.lockChannel();
+        return 0;
+    });
+    const pid_t holderPid = holder.pid();
+    EXPECT_EQ(holder.wait().exitCode, 0);
+    ASSERT_TRUE(eventually([] { return lockValue() == 1; }, 2500ms));
+    // Stopped, the manager answers nothing.
+    int status = 0;
+    kill(manager.pid(), SIGSTOP);
+    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
+    const std::string name = uniqueName("in_step");
+    // An answer left over on the finish semaphore is drained, not taken for
+    // this request's, which the memory being there would show.
+    sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
+    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
+    sem_post(finish);
+    NamedObject named;
+    EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
+    EXPECT_EQ(openCountOf(name), 0);
+    os_sharememory_close(made, true);
+    os_sharememory_destroy(&made);
+    ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
+    // The manager goes on 20 ms into the next request. Its wait for the
+    // answer outlasts a signal, and an answer that comes first is known by
+    // its number as an earlier request's.
+    const MappedObject channel(kChannelMemoryName);
+    const uint32_t earlier = 1;
+    std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
+    struct sigaction tick {};
+    tick.sa_handler = ignoreTick;
+    sigaction(SIGALRM, &tick, nullptr);
+    const pthread_t client = pthread_self();
+    std::thread resume([&] {
+        os_thread_sleep_milliseconds(10);
+        sem_post(finish);
+        pthread_kill(client, SIGALRM);
+        os_thread_sleep_milliseconds(10);
+        kill(manager.pid(), SIGCONT);
+    });
+    mutex_handle* mutex = os_mutex_create(name.c_str());
+    EXPECT_EQ(mappingsOf(name), 1);
+    resume.join();
+    signal(SIGALRM, SIG_DFL);
+    sem_close(finish);
+    os_mutex_destroy(&mutex);
+    // Another process finds the manager in client mode, silently; as a second
+    // manager it fails and takes the channel memory's name with it.
+    bool started = false;
+    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(true); }), "");
+    EXPECT_TRUE(started);
+    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(false); }),
+              "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
+    EXPECT_FALSE(started);
+    EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
+    stop.notify();
+    const ChildResult ended = manager.wait();
+    EXPECT_EQ(ended.exitCode, 0);
+    EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
+    EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
+    EXPECT_TRUE(presentChannelEntries().empty());
+}
+
+// Far deadlines stay far for every wait that reads them, instead of wrapping
+// into the past.
+TEST(Deadline, FarOnesSaturate) {
+    for (const timespec far : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
+        EXPECT_TRUE(deadline::hasTimeLeft(far));
+        EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
+    }
+}
+
+
+// A manager that stops while the channel's lock is held leaves that lock
+// taken for good (the next manager makes a new one): a client waiting on it
+// gives up, with an unusable handle, instead of waiting for ever.
+TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
+    ASSERT_TRUE(os_sync_environment_initialize(false));
+    OS::CSyncClient holder; // holds the lock and never gives it back
+    ASSERT_TRUE(holder.create());
+    ASSERT_TRUE(holder.lockChannel());
+    const std::string name = uniqueName("replaced");
+    Child waiter([&] {
+        mutex_handle* mutex = os_mutex_create(name.c_str());
+        const bool unusable = mappingsOf(name) == 0;
+        os_mutex_destroy(&mutex);
+        return unusable ? 0 : 1;
+    });
+    // Once the waiter maps the channel memory once more than it inherited, it
+    // has the old lock open (opened first) and waits on it.
+    const int inherited = mappingsOf(kChannelMemoryName);
+    ASSERT_TRUE(eventually([&] {
+        const std::string maps = fileText("/proc/" + std::to_string(waiter.pid()) + "/maps");
+        int mapped = 0;
+        for (size_t at = maps.find(kChannelMemoryName); at != std::string::npos; at = maps.find(kChannelMemoryName, at + 1))
+            ++mapped;
+        return mapped > inherited;
+    }));
+    os_sync_environment_uninitialize();
+    ASSERT_TRUE(os_sync_environment_initialize(false));
+    EXPECT_EQ(waiter.wait().exitCode, 0);
+    os_sync_environment_uninitialize();
 }
 
 } // namespace

@@ -82,20 +82,24 @@ KORVANE_BOOL_EXPORT(os_thread_sched_set_affinity, (int cpu)) {
 // barrier, so it orders like a sequentially consistent operation in both
 // directions. The fetch functions return the new value despite their names.
 // A null counter counts nothing and gives 0.
-int64_t os_thread_sync_fetch_add(int64_t* counter) {
+namespace {
+
+int64_t addAndFence(int64_t* counter, int64_t step) {
     if (counter == nullptr)
         return 0;
-    const int64_t value = __atomic_add_fetch(counter, 1, __ATOMIC_RELEASE);
+    const int64_t value = __atomic_add_fetch(counter, step, __ATOMIC_RELEASE);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
     return value;
 }
 
+} // namespace
+
+int64_t os_thread_sync_fetch_add(int64_t* counter) {
+    return addAndFence(counter, 1);
+}
+
 int64_t os_thread_sync_fetch_sub(int64_t* counter) {
-    if (counter == nullptr)
-        return 0;
-    const int64_t value = __atomic_sub_fetch(counter, 1, __ATOMIC_RELEASE);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    return value;
+    return addAndFence(counter, -1);
 }
 
 int64_t os_thread_sync_compare_and_swap(int64_t* target, int64_t expected, int64_t desired) {

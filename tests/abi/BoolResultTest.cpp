@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <utility>
 
 #include "korvane/korvane.h"
 
@@ -30,10 +31,7 @@ auto asInteger(R (*function)(P...)) {
     };
 }
 
-struct Row {
-    const char* function;
-    uint64_t result;
-};
+using Row = std::pair<const char*, uint64_t>; // the function's name, its result
 #define CALL(function, ...) Row{#function, asInteger(function)(__VA_ARGS__)}
 
 TEST(BoolResults, FillTheWholeResultRegister) {
@@ -76,10 +74,10 @@ TEST(BoolResults, FillTheWholeResultRegister) {
         CALL(os_system_get_os_environmentVariable, "PATH", nullptr, &size),
         CALL(os_utf8helper_oem_to_utf8, "a", nullptr, &size),
     };
-    for (const Row& row : falses)
-        EXPECT_EQ(row.result, 0u) << row.function;
-    for (const Row& row : trues)
-        EXPECT_EQ(row.result, 1u) << row.function;
+    for (const auto& [function, result] : falses)
+        EXPECT_EQ(result, 0u) << function;
+    for (const auto& [function, result] : trues)
+        EXPECT_EQ(result, 1u) << function;
     EXPECT_EQ(asInteger(variant_resolve_as_bool)(&two), 2u); // the raw byte, kept for existing callers
     // Where the answer depends on the machine (root, a sanitizer standing in
     // for mlockall), the platform is asked for it.

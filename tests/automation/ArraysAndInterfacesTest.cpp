@@ -1,9 +1,10 @@
-// Safe arrays, what the safe_array fuzz target's model does not see (element
-// widths, snapshots that outlive changes to the array: bounds, contents,
-// resize, types without storage and string ownership are checked by that
-// target against its model, with the leak checker on); the library's reader
-// and writer, an application's own reader, and the variant wrapper that binds
-// a variant to them and hands them out.
+// Safe arrays, what the safe_array fuzz target's model does not see
+// (snapshots that outlive changes to the array; bounds, contents at each
+// type's width, resize, types without storage, snapshots being copies and
+// string ownership are checked by that target against its model, with the
+// address and leak checkers on); the library's reader and writer, an
+// application's own reader, and the variant wrapper that binds a variant to
+// them and hands them out.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include "AutomationTestSupport.h"
 #include "automation/SafeArrayInternal.h"
 #include "automation/VariantInterfaces.h"
+#include "korvane/cpp/values.hpp"
 
 namespace {
 
@@ -25,49 +27,21 @@ using Array = std::unique_ptr<safearray_handle, Destroyer<safearray_handle, safe
 // library, so this is exempt from the sanitizer's dynamic-type check.
 __attribute__((no_sanitize("vptr"))) size_t snapshotsOf(const safearray_handle* h) { return h->blocks.size(); }
 
-// Each type's width, which the variant reports too.
-TEST(SafeArrayElements, GetCopiesNoMoreThanTheElementsWidth) {
-    const size_t widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 0, 1}; // by tag
-    const unsigned char pattern[8] = {0x01, 0x82, 0x43, 0xC4, 0x25, 0xA6, 0x67, 0xE8};
-    for (TVARTYPE type = TVT_CHAR; type <= TVT_BOOL; type += type == TVT_DOUBLE ? 2 : 1) {
-        Array array(safearray_create(type, 3));
-        std::vector<unsigned char> out(16, 0xEE);
-        EXPECT_TRUE(safearray_set_element(array.get(), 1, pattern));
-        EXPECT_TRUE(safearray_get_element(array.get(), 1, out.data()));
-        EXPECT_EQ(std::memcmp(out.data(), pattern, widths[type]), 0) << type;
-        EXPECT_EQ(out[widths[type]], 0xEE) << type;
-        uint32_t bits = 0;
-        EXPECT_TRUE(variant_get_datatype_size(type, &bits));
-        EXPECT_EQ(bits, 8 * widths[type]) << type;
-    }
-    uint32_t bits = 77;
-    EXPECT_FALSE(variant_get_datatype_size(TVT_STRING, &bits)) << "no scalar width";
-    EXPECT_EQ(bits, 0u);
-}
-
 // Destroy releasing the snapshots still out is the fuzz target's.
 TEST(SafeArraySnapshot, CopiesKeptUntilOneUnaccessReleasesThemAll) {
     Array array(safearray_create(TVT_INT, 3));
-    const int ten = 10;
-    safearray_set_element(array.get(), 1, &ten);
     void *first = nullptr, *second = nullptr;
     safearray_access_element(array.get(), &first);
     safearray_access_element(array.get(), &second);
-    static_cast<int*>(first)[1] = 99;
     safearray_resize(array.get(), 8);
     safearray_clear(array.get());
-    EXPECT_EQ(static_cast<int*>(second)[1], 10) << "each snapshot is a copy, left alone by resize and clear";
-    EXPECT_EQ(snapshotsOf(array.get()), 2u);
+    EXPECT_EQ(snapshotsOf(array.get()), 2u) << "resize and clear leave the snapshots alone";
     EXPECT_TRUE(safearray_unaccess_element(array.get()));
     EXPECT_EQ(snapshotsOf(array.get()), 0u);
 }
 
-template <class Interface>
-struct Release {
-    void operator()(Interface* object) const { object->releaseRef(); }
-};
-using Reader = std::unique_ptr<IVariantRead, Release<IVariantRead>>;
-using Writer = std::unique_ptr<IVariantWrite, Release<IVariantWrite>>;
+using Reader = korvane::Ref<IVariantRead>;
+using Writer = korvane::Ref<IVariantWrite>;
 using Wrapper = std::unique_ptr<variant_wrapper_handle, Destroyer<variant_wrapper_handle, variant_wrapper_destroy>>;
 void* slotOf(void* object, int slot) { return (*static_cast<void***>(object))[slot]; }
 
@@ -174,7 +148,7 @@ TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
     variant_set_string(v.get(), "42", true);
     Wrapper wrapper(variant_wrapper_create());
     EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr) << "readable only when new";
-    EXPECT_NE(Reader(variant_wrapper_get_variantread(wrapper.get())), nullptr);
+    EXPECT_TRUE(Reader(variant_wrapper_get_variantread(wrapper.get())));
     EXPECT_FALSE(variant_wrapper_set_type(wrapper.get(), "int")) << "nothing bound";
     variant_wrapper_set_mode(wrapper.get(), false, true);
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);

@@ -115,16 +115,23 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
     }
 }
 
-TEST(VariantTypeNames, EveryTagHasItsNameBothWaysAndNothingElseMatches) {
+// With each tag's width in bits (none for a string), which the safe arrays
+// store each element at; the safe_array fuzz target checks that storage.
+TEST(VariantTypeNames, EveryTagHasItsNameBothWaysAndItsWidthAndNothingElseMatches) {
     const char* const names[] = {"char", "unsigned char", "short", "unsigned short", "int", "unsigned int",
                                  "long", "unsigned long", "long long", "unsigned long long", "float", "double",
                                  "string", "bool"};
+    const uint32_t widths[] = {8, 8, 16, 16, 32, 32, 64, 64, 64, 64, 32, 64, 0, 8};
     for (TVARTYPE tag = TVT_CHAR; tag <= TVT_BOOL; ++tag) {
         const auto display = [tag](char* t, unsigned long& n) { return variant_resolve_display_type(tag, t, &n); };
         TVARTYPE found = 0;
+        uint32_t bits = 77;
+        SCOPED_TRACE(names[tag - 1]);
         EXPECT_EQ(textFrom(display), names[tag - 1]);
-        EXPECT_TRUE(variant_resolve_type(names[tag - 1], &found)) << names[tag - 1];
-        EXPECT_EQ(found, tag) << names[tag - 1];
+        EXPECT_TRUE(variant_resolve_type(names[tag - 1], &found));
+        EXPECT_EQ(found, tag);
+        EXPECT_EQ(variant_get_datatype_size(tag, &bits), tag != TVT_STRING);
+        EXPECT_EQ(bits, widths[tag - 1]);
     }
     size_t length = 77;
     EXPECT_FALSE(variant_resolve_display_type(15, nullptr, &length));

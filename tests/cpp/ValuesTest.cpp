@@ -1,8 +1,8 @@
 // Value semantics of Variant, BStr and SafeArray; results given back as
 // strings and optionals; the walk's callable and the library owner.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <korvane/korvane.hpp>
 #include <numeric>
 #include <set>
@@ -11,7 +11,9 @@
 
 using korvane::Variant;
 
-TEST(CppVariant, EachScalarTypeGetsItsOwnTag) {
+// try_get converts a copy, and is empty where the conversion is refused; a
+// wrapper's reader is given back by its Ref.
+TEST(CppVariant, EachScalarTypeGetsItsOwnTagCopiesAreDeepAndConversionsAreOptional) {
     const std::pair<Variant, TVARTYPE> table[] = {
         {'a', TVT_CHAR}, {static_cast<unsigned char>(1), TVT_BYTE}, {static_cast<short>(1), TVT_SHORT},
         {static_cast<unsigned short>(1), TVT_USHORT}, {1, TVT_INT}, {1u, TVT_UINT}, {1l, TVT_LONG},
@@ -20,10 +22,6 @@ TEST(CppVariant, EachScalarTypeGetsItsOwnTag) {
     };
     for (const auto& [value, tag] : table)
         EXPECT_EQ(value.type(), tag);
-}
-
-// try_get converts a copy, and is empty where the conversion is refused.
-TEST(CppVariant, CopiesAreDeepMovesLeaveEmptyAndConversionsAreOptional) {
     Variant text("forty-two");
     Variant copy = text;
     text = Variant(7);
@@ -31,14 +29,10 @@ TEST(CppVariant, CopiesAreDeepMovesLeaveEmptyAndConversionsAreOptional) {
     EXPECT_EQ(copy.type(), TVT_EMPTY);
     copy = std::move(moved);
     EXPECT_EQ(copy.to_string(), "forty-two");
-    const Variant hex("0x2A");
-    EXPECT_EQ(hex.try_get<int>(), 42);
+    EXPECT_EQ(Variant("0x2A").try_get<int>(), 42);
     EXPECT_EQ(Variant(-4886718345ll).try_get<bool>(), std::nullopt);
-}
-
-TEST(CppVariantWrapper, ReferencesAreGivenBackByTheirOwners) {
     korvane::VariantWrapper wrapper;
-    wrapper.bind_copy(Variant(5));
+    wrapper.bind_copy(Variant(5)); // a temporary: the wrapper must copy it
     EXPECT_EQ(wrapper.clone().type(), "int");
     auto reader = wrapper.reader();
     EXPECT_EQ(reader->addRef(), 3); // the wrapper's, this Ref's and this call's
@@ -58,13 +52,10 @@ TEST(CppBStrAndSafeArray, KeepInnerNulsAndCheckTheirIndex) {
 }
 
 TEST(CppProcesses, TextResultsComeBackWholeOrEmpty) {
-    const std::string longValue(1000, 'v');
-    setenv("KORVANE_CPP_TEST", longValue.c_str(), 1);
-    EXPECT_EQ(korvane::environment_variable("KORVANE_CPP_TEST"), longValue);
+    setenv("KORVANE_CPP_TEST", "value", 1);
+    EXPECT_EQ(korvane::environment_variable("KORVANE_CPP_TEST"), "value");
     EXPECT_EQ(korvane::environment_variable("KORVANE_CPP_TEST_UNSET"), std::nullopt);
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-    EXPECT_EQ(korvane::application_path(), std::string(self, static_cast<size_t>(length)));
+    EXPECT_EQ(korvane::application_path(), std::filesystem::read_symlink("/proc/self/exe").string());
 }
 
 TEST(CppFiles, WalkCallsTheCallableForEveryEntryAndLibrariesLoadOrAreEmpty) {

@@ -56,14 +56,13 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
     const Wrapper wrapper(variant_wrapper_create());
     variant_wrapper_set_mode(wrapper.get(), true, true);
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
-    IVariantRead* r = variant_wrapper_get_variantread(wrapper.get());
-    const Reader reader(r);
+    const Reader r(variant_wrapper_get_variantread(wrapper.get()));
     const Writer w(variant_wrapper_get_variantwrite(wrapper.get()));
     std::vector<std::string> written;
     for (int slot = 3; slot <= 17; ++slot) {
         std::vector<unsigned char> buffer(16, 0xEE);
         unsigned long length = buffer.size();
-        reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slotOf(r, slot))(r, buffer.data(), &length);
+        reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slotOf(r.get(), slot))(r.get(), buffer.data(), &length);
         const size_t n = std::find(buffer.begin(), buffer.end(), 0xEE) - buffer.begin();
         written.push_back(std::to_string(n) + ":" + std::to_string(n ? buffer[n - 1] : 0));
     }
@@ -85,14 +84,12 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
     EXPECT_EQ(r->releaseRef(), 2);
     // An unknown tag has no type name and no text; the type names the writer takes.
     raw(kUnknownTag, 7)(v.get());
-    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getType(buffer, n); }), "");
-    EXPECT_EQ(textFrom([r](char* buffer, unsigned long& n) { return r->getValue(buffer, n); }), "");
+    EXPECT_EQ(textFrom([&r](char* buffer, unsigned long& n) { return r->getType(buffer, n); }), "");
+    EXPECT_EQ(textFrom([&r](char* buffer, unsigned long& n) { return r->getValue(buffer, n); }), "");
     EXPECT_TRUE(w->setValue("7", true));
     EXPECT_TRUE(w->setValue((const char*)nullptr, true)); // changes nothing
-    // The getters resolve a private copy: the variant keeps its very unit.
-    const tagTVARIANT before = *v.get();
+    // The getters resolve a private copy: the variant stays a text.
     EXPECT_EQ(variant_resolve_as_int(v.get()), 7);
-    EXPECT_EQ(std::memcmp(&before, v.get(), sizeof before), 0);
     EXPECT_EQ(describe(v.get()), "string:'7'");
     EXPECT_TRUE(w->setType("unsigned int"));
     EXPECT_TRUE(w->setType("integer")) << "refused, yet true, on purpose";
@@ -103,17 +100,16 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
 // test's, with a type name and a last release of its own.
 class AppReader : public CVariantRead {
 public:
-    AppReader(Log& log, std::string type, bool withNul) : log(log), type(std::move(type)), withNul(withNul) {}
+    AppReader(Log& log, std::string type) : log(log), type(std::move(type)) {}
     bool getType(char* buffer, unsigned long& length) override {
-        if (buffer != nullptr && length >= type.size() + 1) // a name without its NUL must do too
-            std::memcpy(buffer, type.c_str(), type.size() + (withNul ? 1 : 0));
+        if (buffer != nullptr && length >= type.size() + 1) // no NUL: the name must be taken without one
+            std::memcpy(buffer, type.data(), type.size());
         length = type.size() + 1;
         return type != "<silent>";
     }
     void onFinalRelease() override { log.push_back("final release"); }
     Log& log;
     std::string type;
-    bool withNul;
 
 protected:
     ~AppReader() override { log.push_back("destroyed"); }
@@ -123,14 +119,14 @@ protected:
 // type to write the value; an unknown name leaves the variant empty. The
 // stub's last release runs its hook, then deletes.
 TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnceBeforeDeletion) {
-    const std::tuple<const char*, bool, Filler, const char*> rows[] = {
-        {"char", true, setTo(variant_set_int, 65), "char:65"}, {"string", false, text("22.5 C"), "string:'22.5 C'"},
-        {"Int", true, text("1"), "empty"}, {"<silent>", true, text("1"), "empty"}};
-    for (const auto& [type, withNul, make, expected] : rows) {
+    const std::tuple<const char*, Filler, const char*> rows[] = {
+        {"char", setTo(variant_set_int, 65), "char:65"}, {"string", text("22.5 C"), "string:'22.5 C'"},
+        {"Int", text("1"), "empty"}, {"<silent>", text("1"), "empty"}};
+    for (const auto& [type, make, expected] : rows) {
         Log log;
         Variant source, v;
         make(source.get());
-        AppReader* app = new AppReader(log, type, withNul);
+        AppReader* app = new AppReader(log, type);
         app->setWrapperValue(source.get());
         variant_set_string(v.get(), "old", true); // freed by the fill, or the leak checker complains
         variant_set_variantread(v.get(), app);
@@ -142,20 +138,19 @@ TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnc
 
 // A borrowed value is written in place; a copy, a clone's included, is the
 // wrapper's own and freed with it (the leak checker sees to that). The null
-// handles' results are in BoolResultTest.
+// handles' results are in BoolResultTest; the type name and a clone's value
+// are read in the C++ wrapper's test.
 TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
     Variant v;
     variant_set_string(v.get(), "42", true);
     Wrapper wrapper(variant_wrapper_create());
-    EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr) << "readable only when new";
-    EXPECT_TRUE(Reader(variant_wrapper_get_variantread(wrapper.get())));
+    // Readable only when new: the C++ wrapper's test takes its reader.
+    EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr);
     EXPECT_FALSE(variant_wrapper_set_type(wrapper.get(), "int")) << "nothing bound";
     variant_wrapper_set_mode(wrapper.get(), false, true);
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
     EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "short"));
     EXPECT_EQ(describe(v.get()), "short:42");
-    const auto typeName = [&](char* t, unsigned long& n) { return variant_wrapper_get_type(wrapper.get(), t, &n); };
-    EXPECT_EQ(textFrom(typeName), "short");
     variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), true);
     tagTVARIANT* owned = variant_wrapper_get_wrapper_value(wrapper.get());
     const Writer writer(variant_wrapper_get_variantwrite(wrapper.get()));
@@ -165,7 +160,6 @@ TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
     variant_wrapper_set_wrapper_value(wrapper.get(), owned, true); // its own copy again: kept
     EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), owned);
     const Wrapper clone(variant_wrapper_clone(wrapper.get()));
-    EXPECT_EQ(describe(variant_wrapper_get_wrapper_value(clone.get())), "int:7");
     EXPECT_EQ(variant_wrapper_get_variantread(clone.get()), nullptr) << "the clone keeps the mode";
     variant_wrapper_set_wrapper_value(wrapper.get(), nullptr, true);
     EXPECT_FALSE(writer->setValue(1, true)) << "the writer follows the wrapper's binding";

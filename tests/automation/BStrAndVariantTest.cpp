@@ -83,8 +83,7 @@ TEST(VariantInitAndClear, ZeroTheRecordButAStringKeepsItsPadding) {
         if (tag == TVT_STRING)
             v.value.bstrVal = bstrunit_alloc(3); // freed by the clear, or the leak checker complains
         tag == kUnknownTag ? variant_init(&v) : variant_clear(&v);
-        const std::string padding(6, tag == TVT_STRING ? '\xAB' : '\0');
-        const std::string zeros(8, '\0');
+        const std::string padding(6, tag == TVT_STRING ? '\xAB' : '\0'), zeros(8, '\0');
         EXPECT_EQ(std::string(reinterpret_cast<char*>(&v), sizeof v), zeros.substr(6) + padding + zeros) << tag;
     }
 }

@@ -77,10 +77,10 @@ TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {
         {number(1e10), TVT_USHORT, "ushort:65535"}, {number(std::nan("")), TVT_INT, "int:0"},
         {number(NAN), TVT_BOOL, "bool:1"}, {setTo(variant_set_float, 0.001f), TVT_BOOL, "bool:1"},
         {number(1e300), TVT_FLOAT, "float:inf"}, {number(-DBL_MAX), TVT_STRING, huge},
-        // Integer text is printf's for the tag's own type, the longest texts included.
-        {raw(TVT_BYTE, ~0ull), TVT_STRING, "string:'255'"}, {raw(TVT_USHORT, ~0ull), TVT_STRING, "string:'65535'"},
-        {raw(TVT_INT, 1u << 31), TVT_STRING, "string:'-2147483648'"}, {raw(TVT_BOOL, 2), TVT_STRING, "string:'2'"},
-        {raw(TVT_UINT, ~0ull), TVT_STRING, "string:'4294967295'"},
+        // Integer text is printf's for the tag's own type, the longest texts included (the
+        // reader's slots catch a wrong signedness of the other types).
+        {raw(TVT_BYTE, ~0ull), TVT_STRING, "string:'255'"}, {raw(TVT_BOOL, 2), TVT_STRING, "string:'2'"},
+        {raw(TVT_INT, 1u << 31), TVT_STRING, "string:'-2147483648'"},
         {raw(TVT_LONGLONG, 1ull << 63), TVT_STRING, "string:'-9223372036854775808'"},
         {raw(TVT_ULONGLONG, ~0ull), TVT_STRING, "string:'18446744073709551615'"},
         // Empty and unknown variants take any tag and keep their value bits.

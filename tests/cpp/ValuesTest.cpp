@@ -35,6 +35,7 @@ TEST(CppVariant, EachScalarTypeGetsItsOwnTagCopiesAreDeepAndConversionsAreOption
     wrapper.bind_copy(Variant(5)); // a temporary: the wrapper must copy it
     EXPECT_EQ(wrapper.clone().type(), "int");
     auto reader = wrapper.reader();
+    ASSERT_TRUE(reader) << "readable when new";
     EXPECT_EQ(reader->addRef(), 3); // the wrapper's, this Ref's and this call's
     reader->releaseRef();
 }

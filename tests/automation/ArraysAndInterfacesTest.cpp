@@ -98,8 +98,7 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
 
 // An application's own reader, here the library's over a variant of the
 // test's, with a type name and a last release of its own.
-class AppReader : public CVariantRead {
-public:
+struct AppReader : CVariantRead {
     AppReader(Log& log, std::string type) : log(log), type(std::move(type)) {}
     bool getType(char* buffer, unsigned long& length) override {
         if (buffer != nullptr && length >= type.size() + 1) // no NUL: the name must be taken without one

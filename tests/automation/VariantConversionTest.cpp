@@ -64,9 +64,7 @@ TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {
     const Filler unterminated = [](tagTVARIANT* v) { variant_set_bstrunit(v, rawUnit("12").get()); };
     const auto number = [](double value) { return setTo(variant_set_double, value); };
     const Filler big = text("99999999999999999999");
-    char huge[400]; // "%f" of the largest double is far longer than a small scratch buffer
-    std::snprintf(huge, sizeof huge, "string:'%f'", -DBL_MAX);
-    const std::tuple<Filler, TVARTYPE, const char*> cases[] = {
+    const std::tuple<Filler, TVARTYPE, std::string> cases[] = {
         // Base 0 parsers at the target's width; text to bool through strtol, on purpose.
         {text("017"), TVT_INT, "int:15"}, {text(" 42abc"), TVT_INT, "int:42"}, {text("true"), TVT_BOOL, "bool:0"},
         {text("1e3"), TVT_DOUBLE, "double:1000"}, {noUnit, TVT_INT, "int:0"}, {big, TVT_INT, "int:-1"},
@@ -76,7 +74,9 @@ TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {
         {number(1e20), TVT_INT, "int:2147483647"}, {number(-1e20), TVT_LONGLONG, "ll:-9223372036854775808"},
         {number(1e10), TVT_USHORT, "ushort:65535"}, {number(std::nan("")), TVT_INT, "int:0"},
         {number(NAN), TVT_BOOL, "bool:1"}, {setTo(variant_set_float, 0.001f), TVT_BOOL, "bool:1"},
-        {number(1e300), TVT_FLOAT, "float:inf"}, {number(-DBL_MAX), TVT_STRING, huge},
+        {number(1e300), TVT_FLOAT, "float:inf"},
+        // "%f" (as to_string writes it) of the largest double, far longer than a small scratch buffer.
+        {number(-DBL_MAX), TVT_STRING, "string:'" + std::to_string(-DBL_MAX) + "'"},
         // Integer text is printf's for the tag's own type, the longest texts included (the
         // reader's slots catch a wrong signedness of the other types).
         {raw(TVT_BYTE, ~0ull), TVT_STRING, "string:'255'"}, {raw(TVT_BOOL, 2), TVT_STRING, "string:'2'"},

@@ -62,7 +62,8 @@ TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWritten
     for (int slot = 3; slot <= 17; ++slot) {
         std::vector<unsigned char> buffer(16, 0xEE);
         unsigned long length = buffer.size();
-        reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slotOf(r.get(), slot))(r.get(), buffer.data(), &length);
+        const auto read = reinterpret_cast<bool (*)(IVariantRead*, void*, unsigned long*)>(slotOf(r.get(), slot));
+        read(r.get(), buffer.data(), &length);
         const size_t n = std::find(buffer.begin(), buffer.end(), 0xEE) - buffer.begin();
         written.push_back(std::to_string(n) + ":" + std::to_string(n ? buffer[n - 1] : 0));
     }

@@ -35,7 +35,7 @@ using Row = std::pair<const char*, uint64_t>; // the function's name, its result
 #define CALL(function, ...) Row{#function, asInteger(function)(__VA_ARGS__)}
 
 TEST(BoolResults, FillTheWholeResultRegister) {
-    tagTVARIANT one, two;
+    tagTVARIANT one{}, two{}; // empty, so the setters free nothing
     variant_set_int(&one, 1, false);
     variant_set_longlong(&two, 2, false);
     size_t size = 0;

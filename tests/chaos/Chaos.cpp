@@ -22,6 +22,7 @@
 #include <iterator>
 #include <new>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include "korvane/sync.h"
@@ -38,11 +39,6 @@ const char* const kNames[kKinds] = {"chaos_mutex", "chaos_recursive", "chaos_rw"
 // What a worker is doing, read by the supervisor while the worker is stopped.
 enum Phase : int { kIdle, kChannel, kUnaccounted, kCritical, kHoldingToken };
 
-// What a worker does now, told when it does not finish.
-enum Operation : int { kLooping, kMutex, kRecursive, kReading, kWriting, kSemaphore, kEvents, kRecreating };
-const char* const kOperationNames[] = {"looping", "mutex", "recursive mutex", "rw read", "rw write",
-                                       "semaphore", "events", "create/destroy"};
-
 // Owner words are (slot << 32 | pid), 0 when nobody is inside.
 struct Shared {
     std::atomic<unsigned long long> operations, violations, repaired, longestWaitNs;
@@ -50,7 +46,7 @@ struct Shared {
     std::atomic<uint64_t> manualState; // odd while set; changes before every reset
     std::atomic<int64_t> autoSets, autoTaken, lastFaultNs;
     std::atomic<int> tokensHeld, quiet, stop;
-    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers], operation[kMaxWorkers];
+    std::atomic<int> pid[kMaxWorkers], phase[kMaxWorkers];
 };
 
 Shared* shared = nullptr;
@@ -71,6 +67,12 @@ timespec deadlineIn(int64_t ns) {
 
 int pick(int bound) { return static_cast<int>(rng() % static_cast<unsigned>(bound)); }
 
+// The whole of a /proc file of process `pid` ("self" for this one).
+std::string proc(const std::string& pid, const char* file) {
+    std::ifstream in("/proc/" + pid + "/" + file);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
 void violation(const std::string& what) {
     shared->violations++;
     std::fprintf(stderr, "chaos: violation in %d: %s\n", getpid(), what.c_str());
@@ -83,10 +85,9 @@ void violation(const std::string& what) {
 void expectNobodyInside(uint64_t owner, const std::string& what) {
     const auto pid = static_cast<pid_t>(owner & 0xffffffffu);
     for (int i = 0; owner != 0 && i < 500; ++i, usleep(1000)) {
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string line;
-        const size_t end = std::getline(stat, line) ? line.rfind(") ") : std::string::npos;
-        if (shared->pid[owner >> 32] != pid || end == std::string::npos || line[end + 2] == 'Z')
+        const std::string stat = proc(std::to_string(pid), "stat");
+        const size_t end = stat.rfind(") ");
+        if (shared->pid[owner >> 32] != pid || end == std::string::npos || stat[end + 2] == 'Z')
             return void(shared->repaired++);
     }
     if (owner != 0)
@@ -133,9 +134,7 @@ struct Handles {
 // at once; only a usable one maps its memory, once more than the mappings a
 // worker inherits from the supervisor's handles.
 int mappings(const char* name) {
-    std::ifstream file("/proc/self/maps");
-    const std::string maps((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    const std::string line = std::string("/dev/shm/") + name + "\n";
+    const std::string maps = proc("self", "maps"), line = std::string("/dev/shm/") + name + "\n";
     int count = 0;
     for (size_t at = maps.find(line); at != std::string::npos; at = maps.find(line, at + 1))
         ++count;
@@ -201,7 +200,6 @@ void setOrResetManual(Handles& h) {
 // A holder killed inside a reader-writer lock keeps it for ever (its count
 // and flag are not robust), so these sections are never killed.
 void rwSection(Handles& h, bool write) {
-    shared->operation[mySlot] = write ? kWriting : kReading;
     shared->phase[mySlot] = kUnaccounted;
     timed([&] { (write ? os_rw_mutex_lock_wr : os_rw_mutex_lock_rd)(h.rw); return 0; });
     for (auto& reader : shared->readers)
@@ -269,8 +267,6 @@ int workerMain(int slot, bool timer) {
     }
     for (; !shared->stop; shared->operations++) {
         const int choice = pick(12);
-        shared->operation[mySlot] = choice < 2 ? kMutex : choice < 4 ? kRecursive : choice < 8 ? kSemaphore
-                                    : choice < 11 ? kEvents : kRecreating; // rwSection tells its own
         if (choice < 2)
             exclusive(h.mutex, os_mutex_lock, os_mutex_unlock, shared->mutexOwner, "mutex",
                       [&] { setOrResetManual(h); });
@@ -412,28 +408,22 @@ void injectFault(Handles& held, int workers) {
     shared->lastFaultNs = nowNs();
 }
 
-// Tells what a worker that does not finish was doing: its operation, where
-// the kernel has it sleep, and which mapping (a named object, at which
-// offset) holds the word of the call it is blocked in.
+// Tells what a worker that does not finish was doing: its phase, where the
+// kernel has it sleep, and which mapping (a named object or the channel's
+// semaphore, at which offset) holds the word of the call it is blocked in.
 void reportStuck(int slot) {
-    const std::string proc = "/proc/" + std::to_string(shared->pid[slot]) + "/";
-    auto firstLine = [&](const char* file) {
-        std::ifstream in(proc + file);
-        std::string line;
-        std::getline(in, line);
-        return line;
-    };
-    const std::string syscall = firstLine("syscall");
+    const std::string pid = std::to_string(shared->pid[slot]), stat = proc(pid, "stat");
+    const std::string syscall = proc(pid, "syscall").substr(0, proc(pid, "syscall").find('\n'));
     std::string where = "no mapping";
     unsigned long long word = 0, start = 0, end = 0, offset = 0;
     std::sscanf(syscall.c_str(), "%*d %llx", &word);
-    std::ifstream maps(proc + "maps");
+    std::istringstream maps(proc(pid, "maps"));
     for (std::string line; std::getline(maps, line);)
         if (std::sscanf(line.c_str(), "%llx-%llx %*s %llx", &start, &end, &offset) == 3 && word >= start && word < end)
             where = line.substr(line.find_last_of(' ') + 1) + " +" + std::to_string(word - start + offset);
-    std::fprintf(stderr, "chaos: worker %d did not finish: %s, phase %d, state %s, wchan %s, syscall %s (%s)\n",
-                 shared->pid[slot].load(), kOperationNames[shared->operation[slot]], shared->phase[slot].load(),
-                 firstLine("stat").substr(firstLine("stat").rfind(") ") + 2, 1).c_str(), firstLine("wchan").c_str(),
+    std::fprintf(stderr, "chaos: worker %d did not finish: phase %d, state %s, wchan %s, syscall %s (%s)\n",
+                 shared->pid[slot].load(), shared->phase[slot].load(),
+                 stat.substr(stat.rfind(") ") + 2, 1).c_str(), proc(pid, "wchan").c_str(),
                  syscall.c_str(), where.c_str());
 }
 

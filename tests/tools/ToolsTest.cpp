@@ -10,7 +10,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,22 +23,21 @@ using kvtest::ChildResult;
 using kvtest::shmEntriesContaining;
 
 // The service lock of the tools run here lives in a folder of this run,
-// removed by the process that made it (not by its forked children).
-struct RuntimeDirectory {
-    RuntimeDirectory() {
-        if (mkdtemp(path) != nullptr)
-            setenv("KORVANE_RUNTIME_DIR", path, 1);
-    }
-    ~RuntimeDirectory() {
-        if (getpid() == owner)
-            std::filesystem::remove_all(path);
-    }
-    char path[32] = "/tmp/kvt_runtime_XXXXXX";
-    const pid_t owner = getpid();
+// removed at the end by this process (forked children leave through _exit).
+struct RuntimeDirectory : kvtest::TempDir {
+    RuntimeDirectory() { setenv("KORVANE_RUNTIME_DIR", path().c_str(), 1); }
 } runtimeDirectory;
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
+// Whether `text` contains `part`, showing both when it does not.
+testing::AssertionResult contains(const std::string& text, const std::string& part) {
+    return testing::IsSubstring("part", "text", part, text);
+}
+
+// Whether a tool ended with `exitCode`, saying `part`.
+testing::AssertionResult ended(const ChildResult& run, int exitCode, const std::string& part) {
+    if (run.exitCode != exitCode)
+        return testing::AssertionFailure() << "status " << run.exitCode << ", said: " << run.output;
+    return contains(run.output, part);
 }
 
 // Runs in a child: becomes the built tool, as the unprivileged user nobody
@@ -61,17 +59,10 @@ int execTool(const std::string& tool, const std::vector<std::string>& arguments,
     return 127;
 }
 
-// A tool left running in the background, killed if still running at the end.
-class Tool : public kvtest::Child {
-public:
-    explicit Tool(const std::string& tool, const std::vector<std::string>& arguments = {})
-        : Child([&] { return execTool(tool, arguments, false); }, true) {}
-    // Sends `signal` (0: none) and waits for the exit.
-    ChildResult stop(int signal = 0) {
-        kill(pid(), signal);
-        return wait();
-    }
-};
+// korvane-syncd left running in the background, killed if still running at the end.
+std::unique_ptr<kvtest::Child> startSyncd(const std::vector<std::string>& arguments = {}) {
+    return std::make_unique<kvtest::Child>([&] { return execTool("korvane-syncd", arguments, false); }, true);
+}
 
 ChildResult runTool(const std::string& tool, const std::vector<std::string>& arguments, bool asNobody = false) {
     return kvtest::runInChild([&] { return execTool(tool, arguments, asNobody); }, kvtest::kDefaultTimeout, true);
@@ -96,63 +87,38 @@ std::unique_ptr<kvtest::Child> holder(const std::function<void()>& setUp) {
     return child;
 }
 
-// The life of the channel: none; made by the one of two services started at
-// once that wins; answering (to root, not to an outsider); crashed and in use;
-// crashed and unused; removed.
-TEST(KorvaneTools, OneServiceRunsAndOnlyADeadOnesChannelIsCleaned) {
-    EXPECT_EQ(runTool("korvane-shm", {"status"}).output.find("sync manager: no channel\n"), 0u);
-    auto syncd = std::make_unique<Tool>("korvane-syncd");
-    auto loser = std::make_unique<Tool>("korvane-syncd");
-    const std::string status = answeringStatus();
-    if (!contains(status, "(pid " + std::to_string(syncd->pid()) + ")"))
-        std::swap(syncd, loser);
-    const std::string pid = std::to_string(syncd->pid());
-    EXPECT_TRUE(contains(status, "sync manager: answering (pid " + pid + ")")) << status;
-    // The one that lost exits by itself, naming the winner.
-    const ChildResult lost = loser->stop();
-    EXPECT_EQ(lost.exitCode, 1);
-    EXPECT_TRUE(contains(lost.output, "korvane-syncd is already running (pid " + pid + ")")) << lost.output;
-    EXPECT_TRUE(contains(answeringStatus({"--json", "status"}),
-                         "{\"manager\":\"answering\",\"pids\":[" + pid + "],\"channel\":[{\"name\":"));
-    // A user outside the service's group is told why it cannot use the channel.
-    const ChildResult outsider = runTool("korvane-shm", {"status"}, true);
-    EXPECT_EQ(outsider.exitCode, 1);
-    EXPECT_TRUE(contains(outsider.output, "sync manager: present, not accessible")) << outsider.output;
-    EXPECT_NE(runTool("korvane-shm", {"reclaim"}, true).exitCode, 0);
-    // Answering or stopped, a running service keeps its channel.
-    for (int signal : {0, SIGSTOP}) {
-        kill(syncd->pid(), signal);
-        const ChildResult refused = runTool("korvane-shm", {"clean"});
-        EXPECT_EQ(refused.exitCode, 1);
-        EXPECT_TRUE(contains(refused.output, "korvane-syncd (pid " + pid + ") is running")) << refused.output;
-    }
-
-    // The refusals left the channel in place: now a crash's leftover.
-    syncd->stop(SIGKILL);
-    EXPECT_TRUE(contains(runTool("korvane-shm", {"status"}).output, "sync manager: not answering\n"));
-    EXPECT_TRUE(contains(runTool("korvane-syncd", {}).output, "stale sync channel resources"));
-    EXPECT_NE(runTool("korvane-shm", {"clean"}, true).exitCode, 0) << "an unprivileged clean removes nothing";
-    {
-        // Any other live process using the channel, a stalled manager hosted
-        // by an application for one, keeps it too.
-        const auto user = holder([] { sem_open(KORVANE_SYNC_LOCK_SEMAPHORE, 0); });
-        EXPECT_TRUE(contains(runTool("korvane-shm", {"--json", "clean"}).output,
-                             "{\"refused\":\"process " + std::to_string(user->pid()) + " still uses"));
-    }
-    const ChildResult removed = runTool("korvane-shm", {"--json", "clean"});
-    EXPECT_EQ(removed.exitCode, 0);
-    EXPECT_EQ(removed.output, "{\"removed\":[\"" KORVANE_SYNC_CHANNEL_MEMORY "\",\"" KORVANE_SYNC_LOCK_SEMAPHORE
-                              "\",\"" KORVANE_SYNC_REQUEST_SEMAPHORE "\",\"" KORVANE_SYNC_FINISH_SEMAPHORE "\"]}\n");
-    EXPECT_EQ(runTool("korvane-shm", {"clean"}).output, "no stale channel resources\n");
-}
-
 std::string listed(const std::string& name) {
     return runTool("korvane-shm", {"--json", "list", name}).output;
 }
 
-TEST(KorvaneShm, ListShowsLockStateAndOrphansWhichReclaimRemoves) {
-    Tool syncd("korvane-syncd");
-    ASSERT_NE(answeringStatus(), "");
+// The life of the service. The one of two started at once that wins answers
+// (to root, not to an outsider) and keeps its channel. A live process's
+// objects are listed with their state; a dead one's are orphans, which
+// reclaim removes. A stop keeps the objects in use and removes the rest. A
+// crash leaves the channel, removed only once nothing uses it, and the next
+// manager adopts the objects in use and reclaims the crash's orphans itself.
+TEST(KorvaneTools, OneServiceRunsKeepsObjectsInUseAndOnlyADeadOnesChannelIsCleaned) {
+    EXPECT_EQ(runTool("korvane-shm", {"status"}).output.find("sync manager: no channel\n"), 0u);
+    auto syncd = startSyncd();
+    auto loser = startSyncd();
+    const std::string status = answeringStatus();
+    if (!contains(status, "(pid " + std::to_string(syncd->pid()) + ")"))
+        std::swap(syncd, loser);
+    const std::string pid = std::to_string(syncd->pid());
+    EXPECT_TRUE(contains(status, "sync manager: answering (pid " + pid + ")"));
+    // The one that lost exits by itself, naming the winner.
+    EXPECT_TRUE(ended(loser->wait(), 1, "korvane-syncd is already running (pid " + pid + ")"));
+    EXPECT_TRUE(contains(answeringStatus({"--json", "status"}),
+                         "{\"manager\":\"answering\",\"pids\":[" + pid + "],\"channel\":[{\"name\":"));
+    // A user outside the service's group is told why it cannot use the channel.
+    EXPECT_TRUE(ended(runTool("korvane-shm", {"status"}, true), 1, "sync manager: present, not accessible"));
+    EXPECT_NE(runTool("korvane-shm", {"reclaim"}, true).exitCode, 0);
+    // Stopped or running, a service keeps its channel.
+    for (int signal : {SIGSTOP, SIGCONT}) {
+        kill(syncd->pid(), signal);
+        EXPECT_TRUE(ended(runTool("korvane-shm", {"clean"}), 1, "korvane-syncd (pid " + pid + ") is running"));
+    }
+
     const std::string n = kvtest::uniqueName("state");
     auto user = holder([&] {
         os_mutex_lock(os_mutex_create((n + "m").c_str()));
@@ -167,11 +133,7 @@ TEST(KorvaneShm, ListShowsLockStateAndOrphansWhichReclaimRemoves) {
     });
     const std::string p = std::to_string(user->pid());
     const std::string owned = "\"locked\":true,\"owner_tid\":" + p + ",\"owner_pid\":" + p + ",\"owner_alive\":true";
-    const struct {
-        const char* suffix;
-        const char* kindAndSize;
-        std::string state;
-    } objects[] = {
+    const struct { const char *suffix, *kindAndSize; std::string state; } objects[] = {
         {"m", "mutex\",\"size\":52", owned},
         {"r", "recursive mutex\",\"size\":52", owned + ",\"depth\":2"},
         {"e", "event\",\"size\":104", "\"set\":true,\"manual_reset\":true"},
@@ -183,10 +145,9 @@ TEST(KorvaneShm, ListShowsLockStateAndOrphansWhichReclaimRemoves) {
                                                   object.kindAndSize + ",\"open_count\":1,\"holders\":[" + p +
                                                   "],\"orphan\":false,\"state\":{" + object.state + "}}]}\n");
     const std::string table = runTool("korvane-shm", {"list"}).output;
-    EXPECT_TRUE(contains(table, " ORPHAN STATE\n")) << table;
-    EXPECT_TRUE(contains(table, " 52    1 " + p + " ")) << table;
-    EXPECT_TRUE(contains(table, "locked by tid " + p + " (pid " + p + ")\n")) << table;
-
+    EXPECT_TRUE(contains(table, " ORPHAN STATE\n"));
+    EXPECT_TRUE(contains(table, " 52    1 " + p + " "));
+    EXPECT_TRUE(contains(table, "locked by tid " + p + " (pid " + p + ")\n"));
     user.reset();
     EXPECT_TRUE(contains(listed(n + "m"), "\"holders\":[],\"orphan\":true,\"state\":{\"locked\":true,\"owner_tid\":" +
                                               p + ",\"owner_alive\":false}"));
@@ -195,10 +156,49 @@ TEST(KorvaneShm, ListShowsLockStateAndOrphansWhichReclaimRemoves) {
     EXPECT_EQ(reclaimed.output, "reclaimed " + n + "e\nreclaimed " + n + "m\nreclaimed " + n + "r\nreclaimed " + n +
                                  "s\nreclaimed " + n + "w\n");
     EXPECT_EQ(runTool("korvane-shm", {"reclaim"}).output, "no orphans\n");
-    const ChildResult stopped = syncd.stop(SIGINT);
-    EXPECT_EQ(stopped.exitCode, 0);
-    EXPECT_TRUE(contains(stopped.output, "Interrupt received, sync manager stopped")) << stopped.output;
-    EXPECT_TRUE(shmEntriesContaining("os_mutex_manage_").empty()) << "the channel was left behind";
+
+    // The owner keeps its mutex locked through a stop, a crash and the starts
+    // after them; an orphan made before each tells what the manager removes.
+    const std::string held = n + "h", dropped = n + "d";
+    auto owner = holder([&] { os_mutex_lock(os_mutex_create(held.c_str())); });
+    holder([&] { os_mutex_create(dropped.c_str()); }).reset();
+    kill(syncd->pid(), SIGTERM);
+    EXPECT_EQ(syncd->wait().exitCode, 0);
+    EXPECT_EQ(shmEntriesContaining(dropped).size(), 0u);
+    EXPECT_EQ(runTool("korvane-shm", {"clean"}).output, "no stale channel resources\n");
+    syncd = startSyncd();
+    ASSERT_NE(answeringStatus(), "");
+    holder([&] { os_mutex_create(dropped.c_str()); }).reset();
+    syncd.reset(); // killed: a crash
+    EXPECT_TRUE(ended(runTool("korvane-shm", {"status"}), 1, "sync manager: not answering\n"));
+    EXPECT_TRUE(ended(runTool("korvane-syncd", {}), 1, "stale sync channel resources"));
+    EXPECT_NE(runTool("korvane-shm", {"clean"}, true).exitCode, 0) << "an unprivileged clean removes nothing";
+    // Any other live process using the channel, a stalled manager hosted by
+    // an application for one, keeps it too.
+    user = holder([] { sem_open(KORVANE_SYNC_LOCK_SEMAPHORE, 0); });
+    EXPECT_TRUE(ended(runTool("korvane-shm", {"--json", "clean"}), 1,
+                      "{\"refused\":\"process " + std::to_string(user->pid()) + " still uses"));
+    user.reset();
+    const ChildResult removed = runTool("korvane-shm", {"--json", "clean"});
+    EXPECT_EQ(removed.exitCode, 0);
+    EXPECT_EQ(removed.output, "{\"removed\":[\"" KORVANE_SYNC_CHANNEL_MEMORY "\",\"" KORVANE_SYNC_LOCK_SEMAPHORE
+                              "\",\"" KORVANE_SYNC_REQUEST_SEMAPHORE "\",\"" KORVANE_SYNC_FINISH_SEMAPHORE "\"]}\n");
+    EXPECT_EQ(shmEntriesContaining(dropped).size(), 1u);
+
+    // The next manager adopts the mutex (a second create opens it, still
+    // locked by its owner) and reclaims the crash's orphan on its own.
+    syncd = startSyncd({"--reclaim-interval", "1"});
+    ASSERT_NE(answeringStatus(), "");
+    mutex_handle* second = os_mutex_create(held.c_str());
+    const std::string state = listed(held);
+    EXPECT_TRUE(contains(state, "\"open_count\":2,"));
+    EXPECT_TRUE(contains(state, "\"owner_pid\":" + std::to_string(owner->pid())));
+    EXPECT_TRUE(kvtest::eventually([&] { return shmEntriesContaining(dropped).empty(); }));
+    os_mutex_destroy(&second);
+    owner.reset();
+    kill(syncd->pid(), SIGINT);
+    EXPECT_TRUE(ended(syncd->wait(), 0, "Interrupt received, sync manager stopped"));
+    EXPECT_TRUE(shmEntriesContaining(kvtest::namePrefix()).empty());
 }
 
 // A usage error ends with status 2, a request for help with 0.
@@ -212,37 +212,5 @@ TEST(KorvaneTools, RejectMissingAndUnknownArguments) {
             << testing::PrintToString(words);
     EXPECT_TRUE(contains(runTool("korvane-shm", {"frobnicate"}).output, "unknown command 'frobnicate'"));
 }
-
-class KorvaneSyncdRestart : public testing::TestWithParam<int> {};
-
-// A process holds a mutex locked while the manager restarts, after a stop
-// (SIGTERM) or a crash (SIGKILL). The next manager adopts the object: a second
-// create opens it, still locked by its owner.
-TEST_P(KorvaneSyncdRestart, KeepsObjectsInUseAndRemovesTheRest) {
-    const std::string held = kvtest::uniqueName("held"), dropped = kvtest::uniqueName("dropped");
-    auto syncd = std::make_unique<Tool>("korvane-syncd");
-    ASSERT_NE(answeringStatus(), "");
-    auto owner = holder([&] { os_mutex_lock(os_mutex_create(held.c_str())); });
-    holder([&] { os_mutex_create(dropped.c_str()); }).reset();
-    syncd->stop(GetParam());
-    // As the unit does before each start: after a crash, the channel goes.
-    ASSERT_EQ(runTool("korvane-shm", {"clean"}).exitCode, 0);
-    EXPECT_EQ(shmEntriesContaining(dropped).size(), GetParam() == SIGKILL ? 1u : 0u);
-
-    // The next manager reclaims the crash's orphan on its own.
-    syncd = std::make_unique<Tool>("korvane-syncd", std::vector<std::string>{"--reclaim-interval", "1"});
-    ASSERT_NE(answeringStatus(), "");
-    mutex_handle* second = os_mutex_create(held.c_str());
-    const std::string state = listed(held);
-    EXPECT_TRUE(contains(state, "\"open_count\":2,")) << state;
-    EXPECT_TRUE(contains(state, "\"owner_pid\":" + std::to_string(owner->pid()))) << state;
-    EXPECT_TRUE(kvtest::eventually([&] { return shmEntriesContaining(dropped).empty(); }));
-    os_mutex_destroy(&second);
-    owner.reset();
-    EXPECT_EQ(syncd->stop(SIGTERM).exitCode, 0);
-    EXPECT_TRUE(shmEntriesContaining(kvtest::namePrefix()).empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(StopOrCrash, KorvaneSyncdRestart, testing::Values(SIGTERM, SIGKILL));
 
 } // namespace

@@ -19,13 +19,9 @@ namespace {
 
 // A connected local pair, closed at the end of the test.
 struct Connection {
-    int near = -1, far = -1;
-    Connection() {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        near = ends[0];
-        far = ends[1];
-    }
+    int ends[2] = {-1, -1};
+    int &near = ends[0], &far = ends[1];
+    Connection() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0); }
     ~Connection() {
         close(near);
         close(far);
@@ -57,11 +53,8 @@ TEST(Socket, ReadinessLinkStateAndTimeOuts) {
     EXPECT_FALSE(os_socket_writable(pair.near, 30, &error)); // full
     const int closed = dup(pair.far);
     EXPECT_EQ(os_socket_close(closed), 0); // now a number that is no descriptor: select fails
-    for (auto ready : {os_socket_readable, os_socket_writable}) {
-        EXPECT_FALSE(ready(closed, 10, &error));
-        EXPECT_EQ(error, EBADF);
-        error = 0;
-    }
+    EXPECT_FALSE(os_socket_writable(closed, 10, &error)); // one readiness test serves both
+    EXPECT_EQ(error, EBADF);
     EXPECT_FALSE(os_socket_readable(closed, 10, nullptr));
     EXPECT_EQ(os_socket_close(closed), -1);
     EXPECT_EQ(os_socket_get_errno_code(), EBADF);

@@ -94,12 +94,11 @@ TEST_F(FilesAndFolders, CreateAndCopy) {
     EXPECT_EQ(kvtest::fileText("copy"), "") << "truncated first";
     // A file size limit cuts the second 8192-byte write short: the copy
     // fails and the part written stays.
-    const kvtest::ChildResult limited = kvtest::runInChild([] {
+    EXPECT_EQ(kvtest::runInChild([] {
         signal(SIGXFSZ, SIG_IGN);
         const rlimit limit = {10000, 10000};
         return setrlimit(RLIMIT_FSIZE, &limit) != 0 ? 2 : os_file_copy("source", "copy") ? 1 : 0;
-    });
-    EXPECT_EQ(limited.exitCode, 0);
+    }).exitCode, 0);
     EXPECT_EQ(kvtest::fileText("copy"), content.substr(0, 10000));
     EXPECT_TRUE(os_file_copy("source", "source")) << "truncated before it is read, kept for existing callers";
     EXPECT_EQ(kvtest::fileText("source"), "");

@@ -64,13 +64,13 @@ ChildResult Child::wait(std::chrono::milliseconds timeout) {
         return result;
     const pid_t pid = std::exchange(m_pid, -1);
     int status = 0;
-    result.timedOut = !eventually(
+    const bool reaped = eventually(
         [&] {
             const pid_t done = waitpid(pid, &status, WNOHANG);
             return done == pid || (done < 0 && errno != EINTR);
         },
         timeout);
-    if (result.timedOut) {
+    if (!reaped) {
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }

@@ -20,9 +20,8 @@ constexpr std::chrono::milliseconds kDefaultTimeout = 20s;
 
 // Result of a child process.
 struct ChildResult {
-    int exitCode = -1;      // -1 unless it ended through exit/_exit
-    bool timedOut = false;  // killed by us after the time limit
-    std::string output;     // what the child wrote to stdout (when captured)
+    int exitCode = -1;  // -1 unless it ended through exit/_exit (not when killed after the time limit)
+    std::string output; // what the child wrote to stdout (when captured)
 };
 
 // A forked child running `body`; its return value becomes the exit code.

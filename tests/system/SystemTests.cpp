@@ -1,6 +1,7 @@
 // System services: clocks and sleeps, processes, environment and the
 // code-page copies.
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -10,7 +11,6 @@
 #include <atomic>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -81,7 +81,7 @@ TEST(Thread, AtomicsAndStackFloor) {
             pthread_attr_getstacksize(&own, static_cast<size_t*>(size));
             pthread_attr_destroy(&own);
             for (++started; started < 4;)
-                std::this_thread::yield();
+                sched_yield();
             for (int n = 0; n < 100000; ++n) {
                 os_thread_sync_fetch_add(&shared[0]);
                 os_thread_sync_fetch_sub(&shared[1]);

@@ -40,13 +40,12 @@ protected:
 // line; bytes sent 20 ms apart are not a quiet line for a longer quiet time.
 TEST_F(SerialLine, ReadDeliversOneFrame) {
     const char* const header = "\xAA\x55";
+    // Leftover: what a plain read finds next, so nothing was read too far.
     struct {
         std::vector<std::string> writes; // sent 20 ms apart while the read runs
         std::string header;
         int quietMs;
-        std::string frame;
-        std::string leftover = ""; // what a plain read finds next, so nothing was read too far
-        const char* printed = "";
+        std::string frame, leftover = "", printed = "";
     } const rows[] = {
         {{"12\xAA", "\x55\r\n\x11", "\x13" "56", "7"}, header, 5000, "\xAA\x55\r\n\x11\x13" "56", "7"},
         {{}, header, 50, ""},

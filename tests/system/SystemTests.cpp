@@ -24,7 +24,8 @@ std::pair<long long, long> fields(const timespec& value) { return {value.tv_sec,
 // Runs `body` in a child, which returns 0 or the number of the check that failed.
 void expectChildSucceeds(const std::function<int()>& body) { EXPECT_EQ(kvtest::runInChild(body).exitCode, 0); }
 
-TEST(Clock, ArithmeticIsFieldByFieldAndNormalisesInWholeSeconds) {
+// Clock arithmetic is field by field and normalises in whole seconds.
+TEST(Clock, ArithmeticSleepsAndSignals) {
     const std::pair<timespec, timespec> rows[] = {
         {{5, -1}, {4, 999999999}}, {{0, 2000000000}, {2, 0}}, {{7, 999999999}, {7, 999999999}},
         {{0, -2000000000}, {-2, 0}}, {{3, -1000000001}, {1, 999999999}},
@@ -36,22 +37,20 @@ TEST(Clock, ArithmeticIsFieldByFieldAndNormalisesInWholeSeconds) {
     timespec span {}, start = {10, 900000000}, end = {11, 100000000};
     os_clock_get_clock_span(&start, &end, &span);
     EXPECT_EQ(fields(span), fields({1, -800000000})) << "not normalised";
-}
-
-// A signal (SIGALRM every 20 ms, no SA_RESTART) ends the deadline sleep early
-// with EINTR, since its retry only looks for -1; the relative sleep goes on.
-// A deadline just passed ends the sleep at once: it is not read as a span.
-TEST(Clock, SleepsAndSignals) {
+    // A signal (SIGALRM every 20 ms, no SA_RESTART) ends the deadline sleep
+    // early with EINTR, since its retry only looks for -1; the relative sleep
+    // goes on. A deadline just passed ends the sleep at once: it is not read
+    // as a span.
     expectChildSucceeds([] {
         struct sigaction action {};
         action.sa_handler = [](int) {};
         const itimerval every20ms = {{0, 20000}, {0, 20000}};
-        timespec start {};
-        os_clock_get_time(CLOCK_MONOTONIC, &start);
+        timespec now {};
+        os_clock_get_time(CLOCK_MONOTONIC, &now);
         if (sigaction(SIGALRM, &action, nullptr) != 0 || setitimer(ITIMER_REAL, &every20ms, nullptr) != 0)
             return 1;
-        const timespec later = {start.tv_sec + 5, start.tv_nsec};
-        if (os_clock_nano_sleep(&start) != 0 || os_clock_nano_sleep(&later) != EINTR)
+        const timespec later = {now.tv_sec + 5, now.tv_nsec};
+        if (os_clock_nano_sleep(&now) != 0 || os_clock_nano_sleep(&later) != EINTR)
             return 2;
         return os_thread_sleep_milliseconds(100); // 0 unless a signal ended it
     });

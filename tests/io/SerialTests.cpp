@@ -82,11 +82,10 @@ TEST_F(SerialLine, ReadDeliversOneFrame) {
 TEST_F(SerialLine, WriteSelectPurgeHangUpAndClose) {
     const int port = m_port.native_handle();
     std::string frame = "\xAA-\n\r\x11\x13\x7F\xFF";
-    const int written = retried([&](int attempt) {
+    EXPECT_EQ(retried([&](int attempt) {
         frame[1] = static_cast<char>(attempt);
         return m_port.write(frame);
-    });
-    EXPECT_EQ(written, 8);
+    }), 8);
     const std::string received = m_line.receive(300);
     ASSERT_GE(received.size(), 8u);
     EXPECT_EQ(received.substr(received.size() - 8), frame);

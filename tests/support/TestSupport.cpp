@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -29,40 +29,15 @@ FILE* openCaptureFile() {
 }
 
 std::string readBack(FILE* file) {
-    lseek(fileno(file), 0, SEEK_SET);
-    std::string text = readAll(fileno(file));
+    std::string text;
+    rewind(file);
+    for (int c; (c = fgetc(file)) != EOF;)
+        text += static_cast<char>(c);
     fclose(file);
     return text;
 }
 
 } // namespace
-
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n > 0)
-            text.append(buffer, static_cast<size_t>(n));
-        else if (n == 0 || errno != EINTR)
-            return text;
-    }
-}
-
-bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status) {
-    status = 0;
-    const bool reaped = eventually(
-        [&] {
-            const pid_t done = waitpid(pid, &status, WNOHANG);
-            return done == pid || (done < 0 && errno != EINTR);
-        },
-        timeout);
-    if (!reaped) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    return !reaped;
-}
 
 Child::Child(std::function<int()> body, bool capture) : m_output(capture ? openCaptureFile() : nullptr) {
     fflush(nullptr);
@@ -82,17 +57,26 @@ Child::Child(std::function<int()> body, bool capture) : m_output(capture ? openC
     }
 }
 
+// A child still running when `timeout` passes is killed with SIGKILL.
 ChildResult Child::wait(std::chrono::milliseconds timeout) {
     ChildResult result;
     if (m_pid <= 0)
         return result;
+    const pid_t pid = std::exchange(m_pid, -1);
     int status = 0;
-    result.timedOut = reapWithin(std::exchange(m_pid, -1), timeout, status);
+    const bool reaped = eventually(
+        [&] {
+            const pid_t done = waitpid(pid, &status, WNOHANG);
+            return done == pid || (done < 0 && errno != EINTR);
+        },
+        timeout);
+    if (!reaped) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
     if (FILE* output = std::exchange(m_output, nullptr))
         result.output = readBack(output);
-    result.exited = WIFEXITED(status);
-    result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
-    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
 
@@ -129,11 +113,9 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
-TempDir::TempDir() {
-    std::string pattern = std::filesystem::temp_directory_path() / "korvane-test-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr)
+TempDir::TempDir() : m_path(std::filesystem::temp_directory_path() / "korvane-test-XXXXXX") {
+    if (mkdtemp(m_path.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
-    m_path = pattern;
 }
 
 // Links are removed, never followed.
@@ -159,9 +141,8 @@ std::string captureStdout(const std::function<void()>& body) {
 }
 
 std::string fileText(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace kvtest

@@ -18,13 +18,10 @@ using namespace std::chrono_literals;
 // Every wait a test makes is bounded by this unless it says otherwise.
 constexpr std::chrono::milliseconds kDefaultTimeout = 20s;
 
-// Result of a child process: its exit status, or the signal that ended it.
+// Result of a child process.
 struct ChildResult {
-    bool exited = false;    // ended through exit/_exit
-    int exitCode = -1;      // valid when exited
-    int signal = 0;         // the terminating signal when !exited
-    bool timedOut = false;  // killed by us after the time limit
-    std::string output;     // what the child wrote to stdout (when captured)
+    int exitCode = -1;  // -1 unless it ended through exit/_exit (not when killed after the time limit)
+    std::string output; // what the child wrote to stdout (when captured)
 };
 
 // A forked child running `body`; its return value becomes the exit code.
@@ -45,12 +42,6 @@ private:
     FILE* m_output;
     pid_t m_pid = -1;
 };
-
-// Everything readable from `fd` until end of file (EINTR resumed).
-std::string readAll(int fd);
-// Reaps `pid`, waiting at most `timeout` and then killing it with SIGKILL.
-// `status` receives its wait status; true when it had to be killed.
-bool reapWithin(pid_t pid, std::chrono::milliseconds timeout, int& status);
 
 // Runs `body` in a child and waits for it.
 ChildResult runInChild(std::function<int()> body, std::chrono::milliseconds timeout = kDefaultTimeout,

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <thread>
 #include <vector>
@@ -15,7 +16,6 @@
 namespace {
 
 using namespace kvtest;
-using OwnedLock = Owned<rw_mutex_handle, os_rw_mutex_destroy>;
 
 class Mutexes : public SyncTest {};
 
@@ -82,38 +82,44 @@ class RWMutex : public SyncTest, public ::testing::WithParamInterface<bool> {};
 // (glibc writes into that list's entries on every later robust lock).
 TEST_P(RWMutex, ReadersShareAWriterWaitsForAllOfThemAndKeepsLaterReadersOut) {
     const std::string shared = GetParam() ? name("rw") : "";
-    const auto make = [&] { return OwnedLock(os_rw_mutex_create(GetParam() ? shared.c_str() : nullptr)); };
-    OwnedLock lock = openMapped(shared, make);
-    // Threads 0, 2 and 3 read, 1 writes; each says so on `in` once it holds
-    // the lock and unlocks when told on `go`.
-    Signal in[4], go[4];
+    const auto make = [&] {
+        const auto destroy = [](rw_mutex_handle* handle) { os_rw_mutex_destroy(&handle); };
+        return std::shared_ptr<rw_mutex_handle>(os_rw_mutex_create(GetParam() ? shared.c_str() : nullptr), destroy);
+    };
+    std::shared_ptr<rw_mutex_handle> lock = openMapped(shared, make);
+    // Threads 0, 2 and 3 read, 1 writes; each sets its `in` once it holds the
+    // lock and unlocks once its `go` is set.
+    std::atomic<bool> in[4]{}, go[4]{};
+    const auto holds = [&](int i, std::chrono::milliseconds within = kDefaultTimeout) {
+        return eventually([&] { return in[i].load(); }, within);
+    };
     std::vector<std::thread> threads;
     const auto start = [&](int i) {
         threads.emplace_back([&, i] {
             i == 1 ? os_rw_mutex_lock_wr(lock.get()) : os_rw_mutex_lock_rd(lock.get());
-            in[i].notify();
-            go[i].waitFor();
+            in[i] = true;
+            eventually([&] { return go[i].load(); });
             os_rw_mutex_unlock(lock.get());
         });
     };
     const void* robustEntry = firstRobustEntry();
     os_rw_mutex_lock_rd(lock.get());
     start(0);
-    EXPECT_TRUE(in[0].waitFor()) << "readers share the lock";
+    EXPECT_TRUE(holds(0)) << "readers share the lock";
     start(1);
-    EXPECT_FALSE(in[1].waitFor(50ms));
+    EXPECT_FALSE(holds(1, 50ms));
     start(2);
-    EXPECT_TRUE(in[2].waitFor()) << "a reader arriving while a writer waits is admitted";
+    EXPECT_TRUE(holds(2)) << "a reader arriving while a writer waits is admitted";
     os_rw_mutex_unlock(lock.get()); // the first reader leaves first
-    go[0].notify();
-    EXPECT_FALSE(in[1].waitFor(50ms)) << "a reader still reads";
-    go[2].notify();
-    EXPECT_TRUE(in[1].waitFor()) << "a writer must get the lock once every reader has left";
+    go[0] = true;
+    EXPECT_FALSE(holds(1, 50ms)) << "a reader still reads";
+    go[2] = true;
+    EXPECT_TRUE(holds(1)) << "a writer must get the lock once every reader has left";
     start(3);
-    EXPECT_FALSE(in[3].waitFor(50ms)) << "a reader waits for the writer";
-    go[1].notify();
-    EXPECT_TRUE(in[3].waitFor());
-    go[3].notify();
+    EXPECT_FALSE(holds(3, 50ms)) << "a reader waits for the writer";
+    go[1] = true;
+    EXPECT_TRUE(holds(3));
+    go[3] = true;
     for (std::thread& thread : threads)
         thread.join();
     lock.reset();

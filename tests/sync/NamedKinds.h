@@ -4,20 +4,11 @@
 #define KORVANE_TESTS_SYNC_NAMED_KINDS_H
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "korvane/sync.h"
 
 namespace kvtest {
-
-// A handle of the exported interface that destroys itself.
-template <class H, void (*Destroy)(H**)>
-struct Destroyer {
-    void operator()(H* handle) const { Destroy(&handle); }
-};
-template <class H, void (*Destroy)(H**)>
-using Owned = std::unique_ptr<H, Destroyer<H, Destroy>>;
 
 struct NamedKind {
     const char* label;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <thread>
 
 #include "SyncTestSupport.h"
 #include "common/NamedLayouts.h"
@@ -72,19 +73,22 @@ void ignoreTick(int) {}
 // The manager runs in a process of its own, as korvane-syncd runs it, so that
 // it can be stopped and what it printed read.
 TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAreSurvived) {
-    Signal running;
-    Signal stop;
+    // It stops on SIGUSR1, blocked before its thread starts, which inherits the mask.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
     Child manager(
         [&] {
+            int received = 0;
+            pthread_sigmask(SIG_BLOCK, &stop, nullptr);
             if (!os_sync_environment_initialize(false))
                 return 1;
-            running.notify();
-            stop.waitFor();
+            sigwait(&stop, &received);
             os_sync_environment_uninitialize();
             return 0;
         },
         true);
-    ASSERT_TRUE(running.waitFor());
+    ASSERT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
     // The channel's lock stays with a live holder (this process) however long
     // it holds it; a dead one's (a client killed during a create) comes back
     // within two seconds, and the manager says whose it was.
@@ -152,7 +156,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
               "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
     EXPECT_FALSE(started);
     EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
-    stop.notify();
+    kill(manager.pid(), SIGUSR1);
     const ChildResult ended = manager.wait();
     EXPECT_EQ(ended.exitCode, 0);
     EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
@@ -168,7 +172,6 @@ TEST(Deadline, FarOnesSaturate) {
         EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
     }
 }
-
 
 // A manager that stops while the channel's lock is held leaves that lock
 // taken for good (the next manager makes a new one): a client waiting on it
@@ -188,13 +191,7 @@ TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     // Once the waiter maps the channel memory once more than it inherited, it
     // has the old lock open (opened first) and waits on it.
     const int inherited = mappingsOf(kChannelMemoryName);
-    ASSERT_TRUE(eventually([&] {
-        const std::string maps = fileText("/proc/" + std::to_string(waiter.pid()) + "/maps");
-        int mapped = 0;
-        for (size_t at = maps.find(kChannelMemoryName); at != std::string::npos; at = maps.find(kChannelMemoryName, at + 1))
-            ++mapped;
-        return mapped > inherited;
-    }));
+    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, std::to_string(waiter.pid())) > inherited; }));
     os_sync_environment_uninitialize();
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_EQ(waiter.wait().exitCode, 0);

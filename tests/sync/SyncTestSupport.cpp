@@ -1,26 +1,13 @@
 #include "SyncTestSupport.h"
 
-#include <poll.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
 
-#include "korvane/system.h"
-
 namespace kvtest {
-
-timespec monotonicDeadline(std::chrono::milliseconds offset) {
-    timespec deadline{};
-    os_clock_get_time(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += static_cast<long>(offset.count()) * 1000000; // normalised a second at a time
-    os_clock_adjust_clock_time(&deadline);
-    return deadline;
-}
 
 const std::vector<std::string> kChannelEntries = {KORVANE_SYNC_CHANNEL_MEMORY, "sem." KORVANE_SYNC_LOCK_SEMAPHORE,
                                                   "sem." KORVANE_SYNC_REQUEST_SEMAPHORE,
@@ -49,9 +36,9 @@ int64_t openCountOf(const std::string& name) {
     return object.bytes == nullptr ? -1 : *reinterpret_cast<const uint32_t*>(object.bytes);
 }
 
-int mappingsOf(const std::string& name) {
+int mappingsOf(const std::string& name, const std::string& process) {
     const std::string path = "/dev/shm/" + name;
-    std::ifstream maps("/proc/self/maps");
+    std::ifstream maps("/proc/" + process + "/maps");
     int count = 0;
     for (std::string line; std::getline(maps, line);) {
         const size_t at = line.find(path); // a removed segment's line ends in " (deleted)"
@@ -62,30 +49,6 @@ int mappingsOf(const std::string& name) {
 
 key_t memoryFileKey(const std::string& name) {
     return ftok(("/dev/shm/" + name).c_str(), 0);
-}
-
-bool systemVSemaphoreExists(key_t key) {
-    return key != -1 && semget(key, 1, 0) != -1;
-}
-
-Signal::Signal() {
-    EXPECT_EQ(pipe(m_fds), 0);
-}
-
-Signal::~Signal() {
-    close(m_fds[0]);
-    close(m_fds[1]);
-}
-
-void Signal::notify() {
-    while (write(m_fds[1], "", 1) < 0 && errno == EINTR) {
-    }
-}
-
-bool Signal::waitFor(std::chrono::milliseconds timeout) {
-    pollfd entry{m_fds[0], POLLIN, 0};
-    char byte = 0;
-    return poll(&entry, 1, static_cast<int>(timeout.count())) == 1 && read(m_fds[0], &byte, 1) == 1;
 }
 
 void SyncTest::SetUp() {

@@ -1,23 +1,20 @@
 // Helpers of the synchronisation tests: a fixture running the sync manager,
-// deadlines, views of /dev/shm and of named object memories, and a pipe on
-// which workers report.
+// deadlines, and views of /dev/shm and of named object memories.
 #ifndef KORVANE_TESTS_SYNC_TEST_SUPPORT_H
 #define KORVANE_TESTS_SYNC_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <thread>
 
 #include "TestSupport.h" // with <chrono>, <functional>, <string>, <vector> and <sys/types.h>
-#include "korvane/sync.h"
+#include "korvane/korvane.hpp"
 
 namespace kvtest {
 
-// Absolute monotonic deadlines: `offset` from now, and one already past.
-timespec monotonicDeadline(std::chrono::milliseconds offset);
+// A monotonic deadline already past.
 inline timespec pastDeadline() {
-    return monotonicDeadline(std::chrono::milliseconds(-5));
+    return korvane::detail::deadline_at(std::chrono::steady_clock::now() - 5ms);
 }
 
 // The sync channel's names as /dev/shm shows them, and those present now;
@@ -27,10 +24,10 @@ std::vector<std::string> presentChannelEntries();
 extern const std::string kNoChannelOutput;
 
 // Of /dev/shm/<name>: the size, the open count at offset 0 (-1 when absent),
-// and how many times this process maps it.
+// and how many times `process` maps it.
 int64_t segmentSize(const std::string& name);
 int64_t openCountOf(const std::string& name);
-int mappingsOf(const std::string& name);
+int mappingsOf(const std::string& name, const std::string& process = "self");
 // The segment mapped whole (through the library); bytes is null when absent.
 struct MappedObject {
     explicit MappedObject(const std::string& name) : memory(os_sharememory_open(name.c_str())) {}
@@ -43,21 +40,6 @@ struct MappedObject {
 
 // ftok of "/dev/shm/<name>", as the library keys its System V semaphores.
 key_t memoryFileKey(const std::string& name);
-bool systemVSemaphoreExists(key_t key);
-
-// One-way signal between workers (threads or forked processes).
-class Signal {
-public:
-    Signal();
-    ~Signal();
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
-    void notify();
-    bool waitFor(std::chrono::milliseconds timeout = kDefaultTimeout);
-
-private:
-    int m_fds[2] = {-1, -1};
-};
 
 // Makes a named handle (an owning pointer) with `make`, again while it did not
 // map its memory, at most five times: a sync manager starved of processor

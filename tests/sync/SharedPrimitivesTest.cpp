@@ -121,8 +121,8 @@ TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
         const key_t key = ftok(("/dev/shm/" + shared).c_str(), 0); // as the library keys its semaphores
         const auto systemVSemaphoreExists = [&] { return semget(key, 1, 0) != -1; };
         const MappedObject memory(shared); // kept mapped past the removal of the name
-        const std::vector<uint8_t> flags(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize);
-        EXPECT_EQ(flags, (std::vector<uint8_t>{1, 1, how.systemVFlag, how.conditionFlag}));
+        EXPECT_EQ(std::vector<uint8_t>(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize),
+                  (std::vector<uint8_t>{1, 1, how.systemVFlag, how.conditionFlag}));
         auto second = openEvent(how, false, false, shared);
         first.reset();
         EXPECT_EQ(systemVSemaphoreExists(), how.systemV) << "only the last release removes it";
@@ -137,6 +137,7 @@ TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
 // lost wake-up leaves one side asleep past the child's time limit.
 TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
     const std::string names[] = {name("ev"), name("ev"), name("sem"), name("sem")};
+    const timespec late = korvane::detail::deadline_after(2 * kDefaultTimeout); // past the children's time limit
     const auto play = [&](int side) {
         std::unique_ptr<event_handle> events[2];
         std::unique_ptr<semaphore_handle> units[2];
@@ -145,10 +146,7 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
             const char* unit = names[2 + i].c_str();
             units[i] = openMapped(unit, [&] { return std::make_unique<semaphore_handle>(0, unit, false); });
         }
-        const auto take = [&] {
-            const timespec deadline = korvane::detail::deadline_after(2 * kDefaultTimeout);
-            return events[1 - side]->waitUntil(deadline) && units[1 - side]->waitUntil(deadline);
-        };
+        const auto take = [&] { return events[1 - side]->waitUntil(late) && units[1 - side]->waitUntil(late); };
         for (int round = 0; round < 1000; ++round) { // side 0 gives first, then takes
             if (side == 1 && !take())
                 return 1;
@@ -159,7 +157,6 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
         }
         return 0;
     };
-    // Both in children, whose time limit is below those deadlines.
     Child first([&] { return play(0); }), second([&] { return play(1); });
     EXPECT_EQ(first.wait().exitCode, 0);
     EXPECT_EQ(second.wait().exitCode, 0);

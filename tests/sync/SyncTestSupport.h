@@ -28,13 +28,10 @@ inline int64_t segmentSize(const std::string& name) {
 }
 
 inline int mappingsOf(const std::string& name, const std::string& process = "self") {
-    const std::string path = "/dev/shm/" + name;
     std::ifstream maps("/proc/" + process + "/maps");
     int count = 0;
-    for (std::string line; std::getline(maps, line);) {
-        const size_t at = line.find(path); // a removed segment's line ends in " (deleted)"
-        count += at != std::string::npos && (at + path.size() == line.size() || line[at + path.size()] == ' ');
-    }
+    for (std::string line; std::getline(maps, line);) // a removed segment's line ends in " (deleted)"
+        count += (line + ' ').find("/dev/shm/" + name + ' ') != std::string::npos;
     return count;
 }
 

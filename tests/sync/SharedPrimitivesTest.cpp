@@ -27,11 +27,10 @@ const Mechanism kMechanisms[] = {
 
 std::unique_ptr<event_handle> openEvent(const Mechanism& how, bool manualReset, bool initialState,
                                         const std::string& name) {
-    const auto make = [&] {
+    return openMapped(how.named ? name : "", [&] {
         return std::make_unique<event_handle>(manualReset, initialState, how.named ? name.c_str() : nullptr,
                                               how.systemV, how.useCondition);
-    };
-    return how.named ? openMapped(name, make) : make();
+    });
 }
 
 // A waitable and the steps it must show: 'G' gives (set, release, signal),
@@ -88,13 +87,11 @@ TEST_F(Waits, DeadlinesAndResetRules) {
     for (const Waitable& row : rows) {
         SCOPED_TRACE(row.title + " " + row.steps);
         for (const char* step = row.steps; *step != '\0'; ++step) {
-            if (*step == 'G' || *step == 'R') {
-                row.act(*step);
-                continue;
-            }
             const timespec deadline = *step == 'n' ? timespec{-1, 0} : *step == 'm' ? malformed : pastDeadline();
-            EXPECT_EQ(row.wait(deadline), step[1] - '0') << "at step " << step - row.steps;
-            ++step;
+            if (*step == 'G' || *step == 'R')
+                row.act(*step);
+            else // the answer is the next character
+                EXPECT_EQ(row.wait(deadline), *++step - '0') << "at step " << step - row.steps;
         }
     }
     condition.unlock();

@@ -23,9 +23,7 @@ using namespace korvane::sync;
 using namespace kvtest;
 
 TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
-    bool running = true;
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
-    EXPECT_FALSE(running);
+    EXPECT_EQ(captureStdout([] { EXPECT_FALSE(os_sync_environment_initialize(true)); }), kNoChannelOutput);
     // A create right after a start finds the manager ready, and a stopped
     // manager does not block the next one.
     const std::string ready = uniqueName("ready");
@@ -35,7 +33,7 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
         EXPECT_TRUE(os_event_wait(event)) << round;
         os_event_destroy(&event);
         const int mapped = mappingsOf(kChannelMemoryName);
-        EXPECT_EQ(captureStdout([] { EXPECT_TRUE(os_sync_environment_initialize(true)); }), "") << "found silently";
+        EXPECT_EQ(captureStdout([] { EXPECT_TRUE(os_sync_environment_initialize(true)); }), ""); // silently
         EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
         os_sync_environment_uninitialize();
         EXPECT_TRUE(presentChannelEntries().empty());
@@ -46,9 +44,8 @@ TEST(RobustLock, ReportsAnErrorItCannotRepair) {
     pthread_mutex_t mutex;
     initialiseMutex(&mutex, PTHREAD_MUTEX_ERRORCHECK, false);
     ASSERT_TRUE(robustLock(&mutex));
-    bool again = true;
-    EXPECT_EQ(captureStdout([&] { again = robustLock(&mutex); }), "mutex lock error:" + std::to_string(EDEADLK) + ".\n");
-    EXPECT_FALSE(again);
+    EXPECT_EQ(captureStdout([&] { EXPECT_FALSE(robustLock(&mutex)); }),
+              "mutex lock error:" + std::to_string(EDEADLK) + ".\n");
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     EXPECT_FALSE(robustLock(nullptr));
@@ -144,10 +141,8 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     sem_close(finish);
     os_mutex_destroy(&mutex);
     // A second manager fails and takes the channel memory's name with it.
-    bool started = true;
-    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(false); }),
+    EXPECT_EQ(captureStdout([] { EXPECT_FALSE(os_sync_environment_initialize(false)); }),
               "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    EXPECT_FALSE(started);
     EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
     kill(manager.pid(), SIGUSR1);
     const ChildResult ended = manager.wait();
@@ -183,7 +178,8 @@ TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     // Once the waiter maps the channel memory once more than it inherited, it
     // has the old lock open (opened first) and waits on it.
     const int inherited = mappingsOf(kChannelMemoryName);
-    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, std::to_string(waiter.pid())) > inherited; }));
+    const std::string waiterPid = std::to_string(waiter.pid());
+    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, waiterPid) > inherited; }));
     os_sync_environment_uninitialize();
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_EQ(waiter.wait().exitCode, 0);

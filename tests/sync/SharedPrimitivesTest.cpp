@@ -57,26 +57,23 @@ TEST_F(Waits, DeadlinesAndResetRules) {
     } kEventRuns[] = {{false, true, false, "p0p1"}, {false, false, false, "p1n1m1Gm0p1GGp0p1GRp1Gp0"},
                       {true, true, false, "p0p0p0Rp1"}, {true, false, false, "Gm0p0p0Rp1p1Gp0GGp0p0Rp1"},
                       {true, true, true, "p0p0Rp1"}};
-    std::vector<std::unique_ptr<event_handle>> events;
-    std::vector<Waitable> rows;
+    std::vector<Waitable> rows; // whose actions own the handles
     for (const Mechanism& how : kMechanisms) {
         for (const auto& run : kEventRuns) {
             const std::string shared = name("ev");
-            events.push_back(openEvent(how, run.manualReset, run.initialState, shared));
+            std::shared_ptr<event_handle> event = openEvent(how, run.manualReset, run.initialState, shared);
             if (run.second && how.named) // an unnamed one has no later creator
-                events.push_back(openEvent(how, false, false, shared));
-            event_handle* event = events.back().get();
+                event = openEvent(how, false, false, shared); // made before the first one goes
             rows.push_back({how.title, run.steps,
                             [=](char step) { step == 'G' ? event->set() : event->reset(); },
                             [=](const timespec& d) { return event->waitUntil(d) ? 0 : 1; }});
         }
     }
     // Semaphores given a negative count start empty.
-    std::vector<std::unique_ptr<semaphore_handle>> semaphores;
     for (const std::string& shared : {std::string(), name("sem")}) {
-        semaphore_handle* semaphore = semaphores.emplace_back(openMapped(shared, [&] {
+        std::shared_ptr<semaphore_handle> semaphore = openMapped(shared, [&] {
             return std::make_unique<semaphore_handle>(-1, shared.empty() ? nullptr : shared.c_str(), false);
-        })).get();
+        });
         rows.push_back({"semaphore " + shared, "p1n1m1Gm0p1GGp0p0p1", [=](char) { semaphore->release(); },
                         [=](const timespec& d) { return semaphore->waitUntil(d) ? 0 : 1; }});
     }
@@ -124,7 +121,6 @@ TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
         first.reset();
         EXPECT_EQ(systemVSemaphoreExists(), how.systemV) << "only the last release removes it";
         second.reset();
-        EXPECT_EQ(segmentSize(shared), -1);
         EXPECT_FALSE(systemVSemaphoreExists());
     }
 }

@@ -13,7 +13,6 @@
 
 #include "SyncTestSupport.h"
 #include "common/NamedLayouts.h"
-#include "korvane/system.h"
 #include "os/sync/Deadline.h"
 #include "os/sync/SyncInternal.h"
 
@@ -40,7 +39,9 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     }
 }
 
-TEST(RobustLock, ReportsAnErrorItCannotRepair) {
+// The robust lock reports an error it cannot repair. Far deadlines stay far
+// for every wait that reads them, instead of wrapping into the past.
+TEST(SyncHelpers, TheRobustLockReportsWhatItCannotRepairAndFarDeadlinesSaturate) {
     pthread_mutex_t mutex;
     initialiseMutex(&mutex, PTHREAD_MUTEX_ERRORCHECK, false);
     ASSERT_TRUE(robustLock(&mutex));
@@ -49,6 +50,10 @@ TEST(RobustLock, ReportsAnErrorItCannotRepair) {
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     EXPECT_FALSE(robustLock(nullptr));
+    for (const timespec far : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
+        EXPECT_TRUE(deadline::hasTimeLeft(far));
+        EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
+    }
 }
 
 // The lock semaphore's value, as any process sees it.
@@ -151,20 +156,12 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
 }
 
-// Far deadlines stay far for every wait that reads them, instead of wrapping
-// into the past.
-TEST(Deadline, FarOnesSaturate) {
-    for (const timespec far : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
-        EXPECT_TRUE(deadline::hasTimeLeft(far));
-        EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
-    }
-}
-
 // A manager that stops while the channel's lock is held leaves that lock
 // taken for good (the next manager makes a new one): a client waiting on it
 // gives up, with an unusable handle, instead of waiting for ever.
-TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
-    ASSERT_TRUE(os_sync_environment_initialize(false));
+using ManagerRestart = SyncTest;
+
+TEST_F(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     OS::CSyncClient holder; // holds the lock and never gives it back
     ASSERT_TRUE(holder.create());
     ASSERT_TRUE(holder.lockChannel());
@@ -183,7 +180,6 @@ TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     os_sync_environment_uninitialize();
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_EQ(waiter.wait().exitCode, 0);
-    os_sync_environment_uninitialize();
 }
 
 } // namespace

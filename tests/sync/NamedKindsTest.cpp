@@ -131,7 +131,7 @@ TEST_F(NamedKinds, CreatorsInAnyProcessShareOneCountedMemoryThatTheLastDestroyRe
 // A process dies holding a named object's robust mutex; the next user, in
 // another process (so that a fault cannot hang the test), repairs it
 // silently, and it is free and consistent afterwards.
-TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
+TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUserWhoWakesAnEventsWaiters) {
     for (const NamedKind& kind : namedKinds()) {
         if (kind.mutexOffset == 0)
             continue;
@@ -166,9 +166,8 @@ TEST_F(NamedKinds, OwnerDeathOfTheirMutexIsRepairedSilentlyByTheNextUser) {
         EXPECT_EQ(tryLock(), 0) << "left held or inconsistent";
         kind.destroy(survivor); // the dead process's count keeps the memory until the manager stops
     }
-}
-
-TEST_F(NamedKinds, EventSetAfterOwnerDeathWakesTheWaitersOfASetterThatDiedBeforeWaking) {
+    // An event's setter that repairs the mutex wakes the waiters of a setter
+    // that died before waking them.
     const std::string shared = name("event");
     event_handle* event = os_event_create(false, false, shared.c_str());
     Child waiter([&] { return os_event_wait(event) ? 0 : 1; }); // the handle maps the memory shared

@@ -56,15 +56,6 @@ TEST(SyncHelpers, TheRobustLockReportsWhatItCannotRepairAndFarDeadlinesSaturate)
     }
 }
 
-// The lock semaphore's value, as any process sees it.
-int lockValue() {
-    sem_t* lock = sem_open(kLockSemaphoreName, 0);
-    int value = -1;
-    sem_getvalue(lock, &value);
-    sem_close(lock);
-    return value;
-}
-
 // No handler work: the timer only interrupts whatever the process waits in.
 void ignoreTick(int) {}
 
@@ -92,6 +83,11 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     // within two seconds, and the manager says whose it was.
     OS::CSyncClient live;
     ASSERT_TRUE(live.create());
+    const auto lockValue = [&] { // as any process sees it
+        int value = -1;
+        sem_getvalue(live.lockSemaphore, &value);
+        return value;
+    };
     live.lockChannel();
     os_thread_sleep_milliseconds(1500);
     EXPECT_EQ(lockValue(), 0) << "a live holder's lock is taken";
@@ -105,7 +101,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     });
     const pid_t holderPid = holder.pid();
     EXPECT_EQ(holder.wait().exitCode, 0);
-    ASSERT_TRUE(eventually([] { return lockValue() == 1; }, 2500ms));
+    ASSERT_TRUE(eventually([&] { return lockValue() == 1; }, 2500ms));
     // Stopped, the manager answers nothing.
     int status = 0;
     kill(manager.pid(), SIGSTOP);
@@ -114,8 +110,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     // An answer left over on the finish semaphore is drained, not taken for
     // this request's, which the memory being there would show.
     sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
-    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
-    sem_post(finish);
+    sem_post(live.finishSemaphore);
     NamedObject named;
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
     EXPECT_EQ(openCountOf(name), 0);
@@ -134,7 +129,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     const pthread_t client = pthread_self();
     std::thread resume([&] {
         os_thread_sleep_milliseconds(10);
-        sem_post(finish);
+        sem_post(live.finishSemaphore);
         pthread_kill(client, SIGALRM);
         os_thread_sleep_milliseconds(10);
         kill(manager.pid(), SIGCONT);
@@ -143,7 +138,6 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_EQ(mappingsOf(name), 1);
     resume.join();
     signal(SIGALRM, SIG_DFL);
-    sem_close(finish);
     os_mutex_destroy(&mutex);
     // A second manager fails and takes the channel memory's name with it.
     EXPECT_EQ(captureStdout([] { EXPECT_FALSE(os_sync_environment_initialize(false)); }),

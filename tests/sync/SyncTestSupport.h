@@ -54,12 +54,11 @@ inline const std::string kNoChannelOutput = "Error: Can not open os_mutex_manage
 
 // The segment mapped whole (through the library); bytes is null when absent.
 struct MappedObject {
-    explicit MappedObject(const std::string& name) : memory(os_sharememory_open(name.c_str())) {}
-    ~MappedObject() { os_sharememory_destroy(&memory); }
-    MappedObject(const MappedObject&) = delete;
-    MappedObject& operator=(const MappedObject&) = delete;
-    sharememory_handle* memory;
-    uint8_t* const bytes = static_cast<uint8_t*>(os_sharememory_get_buffer(memory));
+    explicit MappedObject(const std::string& name)
+        : memory(os_sharememory_open(name.c_str()),
+                 [](sharememory_handle* handle) { os_sharememory_destroy(&handle); }) {}
+    std::unique_ptr<sharememory_handle, void (*)(sharememory_handle*)> memory;
+    uint8_t* const bytes = static_cast<uint8_t*>(os_sharememory_get_buffer(memory.get()));
 };
 
 // The open count at offset 0 of a named object's memory, -1 when absent.

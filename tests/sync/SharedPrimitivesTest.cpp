@@ -49,8 +49,11 @@ class Waits : public SyncTest {};
 // Every timed wait reads a deadline alike, and takes what was given even past
 // it. A deadline naming no instant is refused by a condition, answered as
 // passed by an event, and normalised by a semaphore as it converts it to the
-// realtime clock. A later creator's arguments leave an event as it is.
-TEST_F(Waits, DeadlinesAndResetRules) {
+// realtime clock. A later creator's arguments leave an event as it is. A named
+// event's memory has its mechanism's size and, in the last four bytes, manual
+// reset, state, System V flag and condition flag; its System V semaphore lives
+// until the last handle goes.
+TEST_F(Waits, DeadlinesResetRulesAndTheNamedEventsLayout) {
     const struct {
         bool manualReset, initialState, second; // second: waits through a later creator's handle
         const char* steps;
@@ -58,12 +61,28 @@ TEST_F(Waits, DeadlinesAndResetRules) {
                       {true, true, false, "p0p0p0Rp1"}, {true, false, false, "Gm0p0p0Rp1p1Gp0GGp0p0Rp1"},
                       {true, true, true, "p0p0Rp1"}};
     std::vector<Waitable> rows; // whose actions own the handles
+    std::vector<key_t> keys;    // of the named events' System V semaphores, as the library makes them
     for (const Mechanism& how : kMechanisms) {
+        SCOPED_TRACE(how.title);
         for (const auto& run : kEventRuns) {
             const std::string shared = name("ev");
-            std::shared_ptr<event_handle> event = openEvent(how, run.manualReset, run.initialState, shared);
-            if (run.second && how.named) // an unnamed one has no later creator
+            std::shared_ptr<event_handle> event;
+            EXPECT_EQ(captureStdout([&] { event = openEvent(how, run.manualReset, run.initialState, shared); }),
+                      how.systemV && how.useCondition ? "warning: can not use condition because semaphore is "
+                                                        "managed by OS, it should be system V semaphore.\n"
+                                                      : "");
+            if (how.named) {
+                const MappedObject memory(shared);
+                EXPECT_EQ(segmentSize(shared), how.requestSize);
+                const std::vector<uint8_t> flags{run.manualReset, run.initialState, how.systemVFlag, how.conditionFlag};
+                EXPECT_EQ(std::vector<uint8_t>(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize),
+                          flags);
+                keys.push_back(ftok(("/dev/shm/" + shared).c_str(), 0));
+            }
+            if (run.second && how.named) { // an unnamed one has no later creator
                 event = openEvent(how, false, false, shared); // made before the first one goes
+                EXPECT_EQ(semget(keys.back(), 1, 0) != -1, how.systemV) << "only the last release removes it";
+            }
             rows.push_back({how.title, run.steps,
                             [=](char step) { step == 'G' ? event->set() : event->reset(); },
                             [=](const timespec& d) { return event->waitUntil(d) ? 0 : 1; }});
@@ -92,37 +111,12 @@ TEST_F(Waits, DeadlinesAndResetRules) {
         }
     }
     condition.unlock();
+    rows.clear();
+    for (const key_t key : keys)
+        EXPECT_EQ(semget(key, 1, 0), -1);
     // A null handle answers as a wake-up, kept for existing callers.
     EXPECT_EQ(os_condition_wait(nullptr), 0);
     EXPECT_EQ(os_condition_wait_timeout(nullptr, pastDeadline()), 0);
-}
-
-// What each mechanism leaves in the memory: its size and, in the last four
-// bytes, manual reset, state, System V flag and condition flag; and a System
-// V semaphore that lives until the last handle goes.
-TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
-    for (const Mechanism& how : kMechanisms) {
-        if (!how.named)
-            continue;
-        SCOPED_TRACE(how.title);
-        const std::string shared = name("ev");
-        std::unique_ptr<event_handle> first;
-        EXPECT_EQ(captureStdout([&] { first = openEvent(how, true, true, shared); }),
-                  how.systemV && how.useCondition ? "warning: can not use condition because semaphore is managed by "
-                                                    "OS, it should be system V semaphore.\n"
-                                                  : "");
-        EXPECT_EQ(segmentSize(shared), how.requestSize);
-        const key_t key = ftok(("/dev/shm/" + shared).c_str(), 0); // as the library keys its semaphores
-        const auto systemVSemaphoreExists = [&] { return semget(key, 1, 0) != -1; };
-        const MappedObject memory(shared); // kept mapped past the removal of the name
-        EXPECT_EQ(std::vector<uint8_t>(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize),
-                  (std::vector<uint8_t>{1, 1, how.systemVFlag, how.conditionFlag}));
-        auto second = openEvent(how, false, false, shared);
-        first.reset();
-        EXPECT_EQ(systemVSemaphoreExists(), how.systemV) << "only the last release removes it";
-        second.reset();
-        EXPECT_FALSE(systemVSemaphoreExists());
-    }
 }
 
 // Two processes hand a turn back and forth through named automatic-reset

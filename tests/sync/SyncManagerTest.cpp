@@ -12,9 +12,8 @@
 #include <thread>
 
 #include "SyncTestSupport.h"
-#include "common/NamedLayouts.h"
 #include "os/sync/Deadline.h"
-#include "os/sync/SyncInternal.h"
+#include "os/sync/SyncInternal.h" // with the channel's layout
 
 namespace {
 

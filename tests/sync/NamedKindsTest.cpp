@@ -1,11 +1,12 @@
 // The shared memory segments named objects are built on: create takes over
 // and resets, close unlinks only when asked, destroy and failures never
 // unlink (that open maps what exists every test reading a named object's
-// memory shows). What every named kind shares: its memory request size, one
-// object for all creators of a name in all processes, counted in its memory,
-// removed by the last destroy or when the manager stops; a mutex its dead
-// holder left, repaired; and unusable handles that return at once. Then what
-// mutexes, recursive mutexes and reader-writer mutexes add, named or not.
+// memory shows). What every named kind shares (the tools' listing checks
+// each kind's memory size): one object for all creators of a name in all
+// processes, counted in its memory, removed by the last destroy or when the
+// manager stops; a mutex its dead holder left, repaired; and unusable handles
+// that return at once. Then what mutexes, recursive mutexes and reader-writer
+// mutexes add, named or not.
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>

@@ -1,7 +1,8 @@
 // Timed waits and the reset rules of events, for each of an event's wake-up
 // mechanisms (unnamed: a private condition; named: a shared condition, what
-// os_event_create selects, a shared semaphore or a System V semaphore), and
-// of semaphores and conditions.
+// os_event_create selects, a shared semaphore or a System V semaphore) with
+// the layout each leaves in a named event's memory, and of semaphores and
+// conditions.
 #include <sys/sem.h>
 
 #include "SyncTestSupport.h"

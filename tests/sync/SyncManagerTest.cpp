@@ -116,20 +116,19 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     os_sharememory_close(made, true);
     os_sharememory_destroy(&made);
     ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
-    // The manager goes on 20 ms into the next request. Its wait for the
-    // answer outlasts a signal, and an answer that comes first is known by
-    // its number as an earlier request's.
+    // The manager goes on 30 ms into the next request. Its wait for the
+    // answer outlasts a signal (sent while nothing else wakes it), and an
+    // answer that comes first is known by its number as an earlier request's.
     const MappedObject channel(kChannelMemoryName);
     const uint32_t earlier = 1;
     std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
-    struct sigaction tick {};
-    tick.sa_handler = ignoreTick;
-    sigaction(SIGALRM, &tick, nullptr);
+    signal(SIGALRM, ignoreTick);
     const pthread_t client = pthread_self();
     std::thread resume([&] {
         os_thread_sleep_milliseconds(10);
-        sem_post(live.finishSemaphore);
         pthread_kill(client, SIGALRM);
+        os_thread_sleep_milliseconds(10);
+        sem_post(live.finishSemaphore);
         os_thread_sleep_milliseconds(10);
         kill(manager.pid(), SIGCONT);
     });

@@ -14,28 +14,27 @@ using CppLocks = kvtest::SyncTest;
 TEST_F(CppLocks, MovesHandOverTheHandleAndUnusableNamedMutexesThrow) {
     const std::string mutexName = name("moved");
     auto mutex = kvtest::openMapped(mutexName, [&] { return std::make_unique<korvane::Mutex>(mutexName); });
-    EXPECT_TRUE(mutex->usable());
     std::lock_guard<korvane::Mutex>{*mutex}; // a usable one locks without throwing
     korvane::Mutex moved(std::move(*mutex));
     EXPECT_EQ(mutex->native_handle(), nullptr);
     moved = korvane::Mutex();
     EXPECT_EQ(kvtest::segmentSize(mutexName), -1);
-    stopManager();
+    os_sync_environment_uninitialize();
     korvane::Mutex unusable(kvtest::uniqueName("nomanager"));
     EXPECT_FALSE(unusable.usable());
     EXPECT_THROW(std::lock_guard<korvane::Mutex>{unusable}, std::system_error);
 }
 
 // The reader-writer lock's reader side under std::shared_lock: a reader that
-// did not let go would keep the writer out.
-TEST(CppLocksLocal, SharedMutexWorksWithTheStandardGuards) {
-    korvane::SharedMutex lock;
-    std::shared_lock<korvane::SharedMutex> reader(lock);
+// did not let go would keep the writer out. Steady instants map onto monotonic
+// deadlines and saturate. A zero span only looks; a predicate wait gives the
+// last answer of the predicate; a wait without the condition's lock throws as
+// the standard's do.
+TEST(CppLocal, SharedLocksDeadlinesAndConditionWaits) {
+    korvane::SharedMutex shared;
+    std::shared_lock<korvane::SharedMutex> reader(shared);
     reader.unlock();
-    std::unique_lock<korvane::SharedMutex> writer(lock);
-}
-
-TEST(CppDeadlines, SteadyInstantsMapOntoMonotonicDeadlinesAndSaturate) {
+    std::unique_lock<korvane::SharedMutex> writer(shared);
     const time_t far = time_t{1} << 32;
     const auto at = [](steady_clock::time_point instant) {
         const timespec deadline = korvane::detail::deadline_at(instant);
@@ -45,11 +44,6 @@ TEST(CppDeadlines, SteadyInstantsMapOntoMonotonicDeadlinesAndSaturate) {
     EXPECT_EQ(at(steady_clock::time_point::min()), std::make_pair(time_t{0}, 0L));
     EXPECT_EQ(at(steady_clock::time_point::max()), std::make_pair(far, 0L));
     EXPECT_EQ(korvane::detail::deadline_after(hours::max()).tv_sec, far);
-}
-
-// A zero span only looks; a predicate wait gives the last answer of the
-// predicate; a wait without the condition's lock throws as the standard's do.
-TEST(CppWaits, ConditionWaitsWithUniqueLockAndPredicates) {
     korvane::ConditionVariable condition;
     korvane::ConditionVariable::Lock lock(condition);
     EXPECT_EQ(condition.wait_for(lock, 0ms), std::cv_status::timeout);

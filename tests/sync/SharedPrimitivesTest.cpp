@@ -1,10 +1,9 @@
 // Timed waits and the reset rules of events, for each of an event's wake-up
 // mechanisms (unnamed: a private condition; named: a shared condition, what
-// os_event_create selects, a shared semaphore or a System V semaphore), and
-// of semaphores and conditions.
-#include <functional>
-#include <memory>
-#include <vector>
+// os_event_create selects, a shared semaphore or a System V semaphore) with
+// the layout each leaves in a named event's memory, and of semaphores and
+// conditions.
+#include <sys/sem.h>
 
 #include "SyncTestSupport.h"
 #include "os/sync/SyncObjects.h"
@@ -29,11 +28,10 @@ const Mechanism kMechanisms[] = {
 
 std::unique_ptr<event_handle> openEvent(const Mechanism& how, bool manualReset, bool initialState,
                                         const std::string& name) {
-    const auto make = [&] {
+    return openMapped(how.named ? name : "", [&] {
         return std::make_unique<event_handle>(manualReset, initialState, how.named ? name.c_str() : nullptr,
                                               how.systemV, how.useCondition);
-    };
-    return how.named ? openMapped(name, make) : make();
+    });
 }
 
 // A waitable and the steps it must show: 'G' gives (set, release, signal),
@@ -52,34 +50,50 @@ class Waits : public SyncTest {};
 // Every timed wait reads a deadline alike, and takes what was given even past
 // it. A deadline naming no instant is refused by a condition, answered as
 // passed by an event, and normalised by a semaphore as it converts it to the
-// realtime clock. A later creator's arguments leave an event as it is.
-TEST_F(Waits, DeadlinesAndResetRules) {
+// realtime clock. A later creator's arguments leave an event as it is. A named
+// event's memory has its mechanism's size and, in the last four bytes, manual
+// reset, state, System V flag and condition flag; its System V semaphore lives
+// until the last handle goes.
+TEST_F(Waits, DeadlinesResetRulesAndTheNamedEventsLayout) {
     const struct {
         bool manualReset, initialState, second; // second: waits through a later creator's handle
         const char* steps;
     } kEventRuns[] = {{false, true, false, "p0p1"}, {false, false, false, "p1n1m1Gm0p1GGp0p1GRp1Gp0"},
                       {true, true, false, "p0p0p0Rp1"}, {true, false, false, "Gm0p0p0Rp1p1Gp0GGp0p0Rp1"},
                       {true, true, true, "p0p0Rp1"}};
-    std::vector<std::unique_ptr<event_handle>> events;
-    std::vector<Waitable> rows;
+    std::vector<Waitable> rows; // whose actions own the handles
+    std::vector<key_t> keys;    // of the named events' System V semaphores, as the library makes them
     for (const Mechanism& how : kMechanisms) {
+        SCOPED_TRACE(how.title);
         for (const auto& run : kEventRuns) {
             const std::string shared = name("ev");
-            events.push_back(openEvent(how, run.manualReset, run.initialState, shared));
-            if (run.second && how.named) // an unnamed one has no later creator
-                events.push_back(openEvent(how, false, false, shared));
-            event_handle* event = events.back().get();
+            std::shared_ptr<event_handle> event;
+            EXPECT_EQ(captureStdout([&] { event = openEvent(how, run.manualReset, run.initialState, shared); }),
+                      how.systemV && how.useCondition ? "warning: can not use condition because semaphore is "
+                                                        "managed by OS, it should be system V semaphore.\n"
+                                                      : "");
+            if (how.named) {
+                const MappedObject memory(shared);
+                EXPECT_EQ(segmentSize(shared), how.requestSize);
+                const std::vector<uint8_t> flags{run.manualReset, run.initialState, how.systemVFlag, how.conditionFlag};
+                EXPECT_EQ(std::vector<uint8_t>(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize),
+                          flags);
+                keys.push_back(ftok(("/dev/shm/" + shared).c_str(), 0));
+            }
+            if (run.second && how.named) { // an unnamed one has no later creator
+                event = openEvent(how, false, false, shared); // made before the first one goes
+                EXPECT_EQ(semget(keys.back(), 1, 0) != -1, how.systemV) << "only the last release removes it";
+            }
             rows.push_back({how.title, run.steps,
                             [=](char step) { step == 'G' ? event->set() : event->reset(); },
                             [=](const timespec& d) { return event->waitUntil(d) ? 0 : 1; }});
         }
     }
     // Semaphores given a negative count start empty.
-    std::vector<std::unique_ptr<semaphore_handle>> semaphores;
     for (const std::string& shared : {std::string(), name("sem")}) {
-        semaphore_handle* semaphore = semaphores.emplace_back(openMapped(shared, [&] {
+        std::shared_ptr<semaphore_handle> semaphore = openMapped(shared, [&] {
             return std::make_unique<semaphore_handle>(-1, shared.empty() ? nullptr : shared.c_str(), false);
-        })).get();
+        });
         rows.push_back({"semaphore " + shared, "p1n1m1Gm0p1GGp0p0p1", [=](char) { semaphore->release(); },
                         [=](const timespec& d) { return semaphore->waitUntil(d) ? 0 : 1; }});
     }
@@ -90,47 +104,20 @@ TEST_F(Waits, DeadlinesAndResetRules) {
     for (const Waitable& row : rows) {
         SCOPED_TRACE(row.title + " " + row.steps);
         for (const char* step = row.steps; *step != '\0'; ++step) {
-            if (*step == 'G' || *step == 'R') {
-                row.act(*step);
-                continue;
-            }
             const timespec deadline = *step == 'n' ? timespec{-1, 0} : *step == 'm' ? malformed : pastDeadline();
-            EXPECT_EQ(row.wait(deadline), step[1] - '0') << "at step " << step - row.steps;
-            ++step;
+            if (*step == 'G' || *step == 'R')
+                row.act(*step);
+            else // the answer is the next character
+                EXPECT_EQ(row.wait(deadline), *++step - '0') << "at step " << step - row.steps;
         }
     }
     condition.unlock();
+    rows.clear();
+    for (const key_t key : keys)
+        EXPECT_EQ(semget(key, 1, 0), -1);
     // A null handle answers as a wake-up, kept for existing callers.
     EXPECT_EQ(os_condition_wait(nullptr), 0);
     EXPECT_EQ(os_condition_wait_timeout(nullptr, pastDeadline()), 0);
-}
-
-// What each mechanism leaves in the memory: its size and, in the last four
-// bytes, manual reset, state, System V flag and condition flag; and a System
-// V semaphore that lives until the last handle goes.
-TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
-    for (const Mechanism& how : kMechanisms) {
-        if (!how.named)
-            continue;
-        SCOPED_TRACE(how.title);
-        const std::string shared = name("ev");
-        std::unique_ptr<event_handle> first;
-        const std::string printed = captureStdout([&] { first = openEvent(how, true, true, shared); });
-        EXPECT_EQ(printed, how.systemV && how.useCondition ? "warning: can not use condition because semaphore is "
-                                                             "managed by OS, it should be system V semaphore.\n"
-                                                           : "");
-        EXPECT_EQ(segmentSize(shared), how.requestSize);
-        const key_t key = memoryFileKey(shared);
-        const MappedObject memory(shared); // kept mapped past the removal of the name
-        const std::vector<uint8_t> flags(memory.bytes + how.requestSize - 4, memory.bytes + how.requestSize);
-        EXPECT_EQ(flags, (std::vector<uint8_t>{1, 1, how.systemVFlag, how.conditionFlag}));
-        auto second = openEvent(how, false, false, shared);
-        first.reset();
-        EXPECT_EQ(systemVSemaphoreExists(key), how.systemV) << "only the last release removes it";
-        second.reset();
-        EXPECT_EQ(segmentSize(shared), -1);
-        EXPECT_FALSE(systemVSemaphoreExists(key));
-    }
 }
 
 // Two processes hand a turn back and forth through named automatic-reset
@@ -138,6 +125,7 @@ TEST_F(Waits, NamedEventMemoryHasTheMechanismsLayout) {
 // lost wake-up leaves one side asleep past the child's time limit.
 TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
     const std::string names[] = {name("ev"), name("ev"), name("sem"), name("sem")};
+    const timespec late = korvane::detail::deadline_after(2 * kDefaultTimeout); // past the children's time limit
     const auto play = [&](int side) {
         std::unique_ptr<event_handle> events[2];
         std::unique_ptr<semaphore_handle> units[2];
@@ -146,10 +134,7 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
             const char* unit = names[2 + i].c_str();
             units[i] = openMapped(unit, [&] { return std::make_unique<semaphore_handle>(0, unit, false); });
         }
-        const auto take = [&] {
-            const timespec deadline = monotonicDeadline(2 * kDefaultTimeout);
-            return events[1 - side]->waitUntil(deadline) && units[1 - side]->waitUntil(deadline);
-        };
+        const auto take = [&] { return events[1 - side]->waitUntil(late) && units[1 - side]->waitUntil(late); };
         for (int round = 0; round < 1000; ++round) { // side 0 gives first, then takes
             if (side == 1 && !take())
                 return 1;
@@ -160,7 +145,6 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
         }
         return 0;
     };
-    // Both in children, whose time limit is below those deadlines.
     Child first([&] { return play(0); }), second([&] { return play(1); });
     EXPECT_EQ(first.wait().exitCode, 0);
     EXPECT_EQ(second.wait().exitCode, 0);

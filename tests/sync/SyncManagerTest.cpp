@@ -9,12 +9,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <thread>
 
 #include "SyncTestSupport.h"
-#include "common/NamedLayouts.h"
-#include "korvane/system.h"
 #include "os/sync/Deadline.h"
-#include "os/sync/SyncInternal.h"
+#include "os/sync/SyncInternal.h" // with the channel's layout
 
 namespace {
 
@@ -22,9 +21,7 @@ using namespace korvane::sync;
 using namespace kvtest;
 
 TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
-    bool running = true;
-    EXPECT_EQ(captureStdout([&] { running = os_sync_environment_initialize(true); }), kNoChannelOutput);
-    EXPECT_FALSE(running);
+    EXPECT_EQ(captureStdout([] { EXPECT_FALSE(os_sync_environment_initialize(true)); }), kNoChannelOutput);
     // A create right after a start finds the manager ready, and a stopped
     // manager does not block the next one.
     const std::string ready = uniqueName("ready");
@@ -33,37 +30,29 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
         event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
         EXPECT_TRUE(os_event_wait(event)) << round;
         os_event_destroy(&event);
-        EXPECT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
-        EXPECT_EQ(segmentSize(kChannelMemoryName), 1029);
         const int mapped = mappingsOf(kChannelMemoryName);
-        EXPECT_TRUE(os_sync_environment_initialize(true));
+        EXPECT_EQ(captureStdout([] { EXPECT_TRUE(os_sync_environment_initialize(true)); }), ""); // silently
         EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
         os_sync_environment_uninitialize();
         EXPECT_TRUE(presentChannelEntries().empty());
     }
-    os_sync_environment_uninitialize(); // no manager: nothing to do
 }
 
-TEST(RobustLock, ReportsAnErrorItCannotRepair) {
+// The robust lock reports an error it cannot repair. Far deadlines stay far
+// for every wait that reads them, instead of wrapping into the past.
+TEST(SyncHelpers, TheRobustLockReportsWhatItCannotRepairAndFarDeadlinesSaturate) {
     pthread_mutex_t mutex;
     initialiseMutex(&mutex, PTHREAD_MUTEX_ERRORCHECK, false);
     ASSERT_TRUE(robustLock(&mutex));
-    bool again = true;
-    const std::string printed = captureStdout([&] { again = robustLock(&mutex); });
-    EXPECT_EQ(printed, "mutex lock error:" + std::to_string(EDEADLK) + ".\n");
-    EXPECT_FALSE(again);
+    EXPECT_EQ(captureStdout([&] { EXPECT_FALSE(robustLock(&mutex)); }),
+              "mutex lock error:" + std::to_string(EDEADLK) + ".\n");
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     EXPECT_FALSE(robustLock(nullptr));
-}
-
-// The lock semaphore's value, as any process sees it.
-int lockValue() {
-    sem_t* lock = sem_open(kLockSemaphoreName, 0);
-    int value = -1;
-    sem_getvalue(lock, &value);
-    sem_close(lock);
-    return value;
+    for (const timespec far : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
+        EXPECT_TRUE(deadline::hasTimeLeft(far));
+        EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
+    }
 }
 
 // No handler work: the timer only interrupts whatever the process waits in.
@@ -72,24 +61,32 @@ void ignoreTick(int) {}
 // The manager runs in a process of its own, as korvane-syncd runs it, so that
 // it can be stopped and what it printed read.
 TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAreSurvived) {
-    Signal running;
-    Signal stop;
+    // It stops on SIGUSR1, blocked before its thread starts, which inherits the mask.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
     Child manager(
         [&] {
+            int received = 0;
+            pthread_sigmask(SIG_BLOCK, &stop, nullptr);
             if (!os_sync_environment_initialize(false))
                 return 1;
-            running.notify();
-            stop.waitFor();
+            sigwait(&stop, &received);
             os_sync_environment_uninitialize();
             return 0;
         },
         true);
-    ASSERT_TRUE(running.waitFor());
+    ASSERT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
     // The channel's lock stays with a live holder (this process) however long
     // it holds it; a dead one's (a client killed during a create) comes back
     // within two seconds, and the manager says whose it was.
     OS::CSyncClient live;
     ASSERT_TRUE(live.create());
+    const auto lockValue = [&] { // as any process sees it
+        int value = -1;
+        sem_getvalue(live.lockSemaphore, &value);
+        return value;
+    };
     live.lockChannel();
     os_thread_sleep_milliseconds(1500);
     EXPECT_EQ(lockValue(), 0) << "a live holder's lock is taken";
@@ -103,7 +100,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     });
     const pid_t holderPid = holder.pid();
     EXPECT_EQ(holder.wait().exitCode, 0);
-    ASSERT_TRUE(eventually([] { return lockValue() == 1; }, 2500ms));
+    ASSERT_TRUE(eventually([&] { return lockValue() == 1; }, 2500ms));
     // Stopped, the manager answers nothing.
     int status = 0;
     kill(manager.pid(), SIGSTOP);
@@ -112,28 +109,26 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     // An answer left over on the finish semaphore is drained, not taken for
     // this request's, which the memory being there would show.
     sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
-    sem_t* finish = sem_open(kFinishSemaphoreName, 0);
-    sem_post(finish);
+    sem_post(live.finishSemaphore);
     NamedObject named;
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
     EXPECT_EQ(openCountOf(name), 0);
     os_sharememory_close(made, true);
     os_sharememory_destroy(&made);
     ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
-    // The manager goes on 20 ms into the next request. Its wait for the
-    // answer outlasts a signal, and an answer that comes first is known by
-    // its number as an earlier request's.
+    // The manager goes on 30 ms into the next request. Its wait for the
+    // answer outlasts a signal (sent while nothing else wakes it), and an
+    // answer that comes first is known by its number as an earlier request's.
     const MappedObject channel(kChannelMemoryName);
     const uint32_t earlier = 1;
     std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
-    struct sigaction tick {};
-    tick.sa_handler = ignoreTick;
-    sigaction(SIGALRM, &tick, nullptr);
+    signal(SIGALRM, ignoreTick);
     const pthread_t client = pthread_self();
     std::thread resume([&] {
         os_thread_sleep_milliseconds(10);
-        sem_post(finish);
         pthread_kill(client, SIGALRM);
+        os_thread_sleep_milliseconds(10);
+        sem_post(live.finishSemaphore);
         os_thread_sleep_milliseconds(10);
         kill(manager.pid(), SIGCONT);
     });
@@ -141,40 +136,24 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     EXPECT_EQ(mappingsOf(name), 1);
     resume.join();
     signal(SIGALRM, SIG_DFL);
-    sem_close(finish);
     os_mutex_destroy(&mutex);
-    // Another process finds the manager in client mode, silently; as a second
-    // manager it fails and takes the channel memory's name with it.
-    bool started = false;
-    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(true); }), "");
-    EXPECT_TRUE(started);
-    EXPECT_EQ(captureStdout([&] { started = os_sync_environment_initialize(false); }),
+    // A second manager fails and takes the channel memory's name with it.
+    EXPECT_EQ(captureStdout([] { EXPECT_FALSE(os_sync_environment_initialize(false)); }),
               "Error:can not create os_mutex_manage_enabled_semaphore, errno = 17!\n");
-    EXPECT_FALSE(started);
     EXPECT_EQ(presentChannelEntries(), std::vector<std::string>(kChannelEntries.begin() + 1, kChannelEntries.end()));
-    stop.notify();
+    kill(manager.pid(), SIGUSR1);
     const ChildResult ended = manager.wait();
     EXPECT_EQ(ended.exitCode, 0);
     EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
     EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
-    EXPECT_TRUE(presentChannelEntries().empty());
 }
-
-// Far deadlines stay far for every wait that reads them, instead of wrapping
-// into the past.
-TEST(Deadline, FarOnesSaturate) {
-    for (const timespec far : {timespec{LLONG_MAX, 0}, timespec{LLONG_MAX, 999999999}}) {
-        EXPECT_TRUE(deadline::hasTimeLeft(far));
-        EXPECT_GT(deadline::toRealtime(far).tv_sec, time(nullptr));
-    }
-}
-
 
 // A manager that stops while the channel's lock is held leaves that lock
 // taken for good (the next manager makes a new one): a client waiting on it
 // gives up, with an unusable handle, instead of waiting for ever.
-TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
-    ASSERT_TRUE(os_sync_environment_initialize(false));
+using ManagerRestart = SyncTest;
+
+TEST_F(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     OS::CSyncClient holder; // holds the lock and never gives it back
     ASSERT_TRUE(holder.create());
     ASSERT_TRUE(holder.lockChannel());
@@ -188,17 +167,11 @@ TEST(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     // Once the waiter maps the channel memory once more than it inherited, it
     // has the old lock open (opened first) and waits on it.
     const int inherited = mappingsOf(kChannelMemoryName);
-    ASSERT_TRUE(eventually([&] {
-        const std::string maps = fileText("/proc/" + std::to_string(waiter.pid()) + "/maps");
-        int mapped = 0;
-        for (size_t at = maps.find(kChannelMemoryName); at != std::string::npos; at = maps.find(kChannelMemoryName, at + 1))
-            ++mapped;
-        return mapped > inherited;
-    }));
+    const std::string waiterPid = std::to_string(waiter.pid());
+    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, waiterPid) > inherited; }));
     os_sync_environment_uninitialize();
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_EQ(waiter.wait().exitCode, 0);
-    os_sync_environment_uninitialize();
 }
 
 } // namespace

@@ -174,4 +174,34 @@ TEST_F(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     EXPECT_EQ(waiter.wait().exitCode, 0);
 }
 
+
+// The manager refuses, whatever client asks, to create or destroy a memory
+// named like the channel's memory or a named semaphore's file: serving such
+// a create took the file over, truncating and clearing it, and the next
+// request killed the manager.
+using ManagerRefusal = SyncTest;
+
+TEST_F(ManagerRefusal, TheChannelsAndSemaphoresFilesAreNeverTakenOver) {
+    OS::CSyncClient client; // speaks to the manager directly, past the client's own refusal
+    ASSERT_TRUE(client.create());
+    ASSERT_TRUE(client.lockChannel());
+    uint8_t* channel = static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory));
+    timespec deadline {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 5; // room for a loaded machine
+    for (const std::string& file : {kChannelEntries[0], kChannelEntries[1]}) {
+        for (const uint32_t operation : {kCreateRequest, kDestroyRequest}) {
+            MemoryRequest request;
+            request.operation = operation;
+            request.size = 4096;
+            request.name = file;
+            EXPECT_TRUE(exchangeRequest(channel, client.requestSemaphore, client.finishSemaphore, request, deadline));
+        }
+    }
+    client.unlockChannel();
+    EXPECT_EQ(presentChannelEntries(), kChannelEntries);
+    EXPECT_EQ(segmentSize(kChannelEntries[0]), 1029);
+    EXPECT_EQ(segmentSize(kChannelEntries[1]), 32);
+}
+
 } // namespace

@@ -262,8 +262,8 @@ FileIdentity lockFileIdentity() {
 bool CSyncClient::create() {
     destroy();
     // The file is looked at before and after the open: when both agree, it
-    // is the one opened; otherwise a manager is replacing the channel just
-    // now, and the identity stays unknown.
+    // is the one opened. Otherwise (a manager replacing the channel just
+    // now, or named semaphores kept elsewhere) the identity stays unknown.
     const FileIdentity before = lockFileIdentity();
     lockSemaphore = openSemaphore(kLockSemaphoreName, 1);
     lockFile = before == lockFileIdentity() ? before : FileIdentity{};
@@ -305,7 +305,8 @@ bool CSyncClient::lockChannel() {
     // end it. It ends without the lock only when the lock's name has come to
     // name another file, or none: the manager that made this lock has
     // stopped, and a holder that died with it would never give it back (the
-    // manager that gives back dead holders' locks watches its own).
+    // manager that gives back dead holders' locks watches its own). Where
+    // the lock's file is not known, the wait is as it always was.
     constexpr long kSliceNanoseconds = 200000000;
     for (;;) {
         timespec slice{};
@@ -314,7 +315,7 @@ bool CSyncClient::lockChannel() {
         os_clock_adjust_clock_time(&slice);
         if (waitUntil(lockSemaphore, slice))
             break;
-        if (lockFile.inode == 0 || !(lockFileIdentity() == lockFile))
+        if (lockFile.inode != 0 && !(lockFileIdentity() == lockFile))
             return false;
     }
     if (uint8_t* channel = channelOf(*this))

@@ -54,7 +54,8 @@ public:
     // the channel page, so that a manager can give the lock back once this
     // process has died holding it. lockChannel is false, without the lock,
     // when the lock is not open or when, while waiting, its name came to
-    // name another file or none (the manager that made it has stopped);
+    // name another file or none than the one opened (the manager that made
+    // it has stopped);
     // unlockChannel is for a client that holds the lock.
     bool lockChannel();
     void unlockChannel();
@@ -73,7 +74,7 @@ public:
     sem_t* requestSemaphore = nullptr;
     sem_t* finishSemaphore = nullptr;
     sharememory_handle* channelMemory = nullptr;
-    FileIdentity lockFile; // the lock semaphore's file when opened; unknown: {0, 0}
+    FileIdentity lockFile; // the lock semaphore's file when opened; unknown ({0, 0}): never checked
 };
 
 } // namespace OS

@@ -3,6 +3,7 @@
 // os_event_create selects, a shared semaphore or a System V semaphore) with
 // the layout each leaves in a named event's memory, and of semaphores and
 // conditions.
+#include <sys/mman.h>
 #include <sys/sem.h>
 
 #include "SyncTestSupport.h"
@@ -148,6 +149,48 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
     Child first([&] { return play(0); }), second([&] { return play(1); });
     EXPECT_EQ(first.wait().exitCode, 0);
     EXPECT_EQ(second.wait().exitCode, 0);
+}
+
+
+// A process that dies holding the mutex right after waking a shared
+// condition's waiter: the waiter (a child, so that a fault cannot hang the
+// test) takes the mutex back repaired, consistent and its own.
+TEST(SharedConditionOwnerDeath, TheWaiterRepairsTheMutexItTakesBack) {
+    using korvane::sync::ConditionWait;
+    struct Page {
+        pthread_mutex_t mutex;
+        korvane::sync::SharedCondition condition;
+        int waiting, woken;
+    };
+    auto* page = static_cast<Page*>(mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    korvane::sync::initialiseMutex(&page->mutex, PTHREAD_MUTEX_NORMAL, true);
+    page->condition.initialise();
+    Child waiter([&] {
+        korvane::sync::robustLock(&page->mutex);
+        page->waiting = 1;
+        ConditionWait result = ConditionWait::Woken;
+        const timespec deadline = korvane::detail::deadline_after(kDefaultTimeout);
+        while (page->woken == 0 && result != ConditionWait::TimedOut)
+            result = page->condition.waitUntil(&page->mutex, deadline);
+        // 1: not woken; 2: the mutex it took back is not its own, consistent one.
+        return result != ConditionWait::Woken ? 1 : pthread_mutex_unlock(&page->mutex) == 0 ? 0 : 2;
+    });
+    ASSERT_TRUE(eventually([&] {
+        korvane::sync::robustLock(&page->mutex);
+        const bool waiting = page->waiting == 1;
+        pthread_mutex_unlock(&page->mutex);
+        return waiting;
+    }));
+    EXPECT_EQ(runInChild([&] {
+        pthread_mutex_lock(&page->mutex);
+        page->woken = 1;
+        page->condition.broadcast();
+        return 0; // leaves holding the mutex
+    }).exitCode, 0);
+    EXPECT_EQ(waiter.wait().exitCode, 0);
+    EXPECT_EQ(pthread_mutex_trylock(&page->mutex), 0) << "the mutex was left inconsistent";
+    pthread_mutex_unlock(&page->mutex);
+    munmap(page, sizeof(Page));
 }
 
 } // namespace

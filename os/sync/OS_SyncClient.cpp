@@ -78,14 +78,18 @@ void closeSemaphore(sem_t*& semaphore) {
     }
 }
 
-timespec answerDeadline() {
+timespec realtimeDeadlineAfter(int64_t nanoseconds) {
     struct timespec now;
     struct timespec deadline;
     os_clock_get_time(CLOCK_MONOTONIC, &now);
     os_clock_monotonic_to_realtime(&now, &deadline);
-    deadline.tv_nsec += kAnswerTimeoutNanoseconds;
+    deadline.tv_nsec += nanoseconds;
     os_clock_adjust_clock_time(&deadline);
     return deadline;
+}
+
+timespec answerDeadline() {
+    return realtimeDeadlineAfter(kAnswerTimeoutNanoseconds);
 }
 
 bool waitUntil(sem_t* semaphore, const timespec& deadline) {
@@ -307,14 +311,8 @@ bool CSyncClient::lockChannel() {
     // stopped, and a holder that died with it would never give it back (the
     // manager that gives back dead holders' locks watches its own). Where
     // the lock's file is not known, the wait is as it always was.
-    constexpr long kSliceNanoseconds = 200000000;
-    for (;;) {
-        timespec slice{};
-        os_clock_get_time(CLOCK_REALTIME, &slice);
-        slice.tv_nsec += kSliceNanoseconds;
-        os_clock_adjust_clock_time(&slice);
-        if (waitUntil(lockSemaphore, slice))
-            break;
+    constexpr int64_t kSliceNanoseconds = 200000000;
+    while (!waitUntil(lockSemaphore, realtimeDeadlineAfter(kSliceNanoseconds))) {
         if (lockFile.inode != 0 && !(lockFileIdentity() == lockFile))
             return false;
     }

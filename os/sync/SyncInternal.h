@@ -153,8 +153,10 @@ bool exchangeRequest(uint8_t* channel, sem_t* requestSemaphore, sem_t* finishSem
 // the mapping.
 MemoryRequest readMemoryRequest(const uint8_t* channel);
 
-// The sync manager's 100 ms answer deadline: monotonic now, converted to
-// realtime, plus 100 ms.
+// A realtime deadline `nanoseconds` from now, for the channel's semaphore
+// waits: monotonic now, converted to realtime, plus the span.
+timespec realtimeDeadlineAfter(int64_t nanoseconds);
+// The sync manager's 100 ms answer deadline.
 timespec answerDeadline();
 // sem_timedwait until `deadline`, resumed after signals. True when the
 // semaphore was taken.

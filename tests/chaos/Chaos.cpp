@@ -413,7 +413,8 @@ void injectFault(Handles& held, int workers) {
 // semaphore, at which offset) holds the word of the call it is blocked in.
 void reportStuck(int slot) {
     const std::string pid = std::to_string(shared->pid[slot]), stat = proc(pid, "stat");
-    const std::string syscall = proc(pid, "syscall").substr(0, proc(pid, "syscall").find('\n'));
+    std::string syscall = proc(pid, "syscall");
+    syscall = syscall.substr(0, syscall.find('\n'));
     std::string where = "no mapping";
     unsigned long long word = 0, start = 0, end = 0, offset = 0;
     std::sscanf(syscall.c_str(), "%*d %llx", &word);

@@ -22,12 +22,7 @@ const char* const kSemaphoreNames[] = {KORVANE_SYNC_LOCK_SEMAPHORE, KORVANE_SYNC
                                        KORVANE_SYNC_FINISH_SEMAPHORE};
 
 struct timespec realtimeDeadline(std::chrono::milliseconds timeout) {
-    struct timespec deadline;
-    os_clock_get_time(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(timeout.count() / 1000);
-    deadline.tv_nsec += static_cast<long>(timeout.count() % 1000) * 1000000L;
-    os_clock_adjust_clock_time(&deadline);
-    return deadline;
+    return sync::realtimeDeadlineAfter(std::chrono::nanoseconds(timeout).count());
 }
 
 sem_t* openSemaphore(const char* name) {

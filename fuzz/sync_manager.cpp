@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
@@ -17,26 +16,19 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "ShmView.h"
 #include "common/NamedLayouts.h"
 #include "korvane/sync.h"
 #include "korvane/system.h"
 
 namespace {
 
+using kvtest::segmentSize;
+using kvtest::semaphoreValue;
+
 const std::set<std::string> kUntouched = {KORVANE_SYNC_CHANNEL_MEMORY, "sem." KORVANE_SYNC_LOCK_SEMAPHORE,
                                           "sem." KORVANE_SYNC_REQUEST_SEMAPHORE,
                                           "sem." KORVANE_SYNC_FINISH_SEMAPHORE, "sem.fuzz_bystander"};
-
-off_t sizeOf(const std::string& name) {
-    struct stat status;
-    return stat(("/dev/shm/" + name).c_str(), &status) == 0 ? status.st_size : -1;
-}
-
-int valueOf(sem_t* semaphore) {
-    int value = -1;
-    sem_getvalue(semaphore, &value);
-    return value;
-}
 
 struct Channel {
     Channel() {
@@ -71,7 +63,7 @@ struct Channel {
         } // libFuzzer's timer signal ends a wait early
         FUZZ_CHECK(waited == 0);
         sem_post(lock);
-        FUZZ_CHECK(valueOf(lock) == 1 && valueOf(request) == 0 && valueOf(finish) == 0);
+        FUZZ_CHECK(semaphoreValue(lock) == 1 && semaphoreValue(request) == 0 && semaphoreValue(finish) == 0);
     }
 
     sem_t *lock, *request, *finish, *bystander;
@@ -84,9 +76,10 @@ struct Channel {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Channel channel;
     channel.send(data, size);
-    FUZZ_CHECK(sizeOf(KORVANE_SYNC_CHANNEL_MEMORY) == korvane::layout::kChannelMemorySize && valueOf(channel.bystander) == 3);
+    FUZZ_CHECK(segmentSize(KORVANE_SYNC_CHANNEL_MEMORY) == korvane::layout::kChannelMemorySize);
+    FUZZ_CHECK(semaphoreValue(channel.bystander) == 3);
     for (const std::string& name : kUntouched)
-        FUZZ_CHECK(sizeOf(name) >= 0);
+        FUZZ_CHECK(segmentSize(name) >= 0);
     // A create request's memory is removed by a destroy request with its name.
     const size_t end = std::min(size, korvane::layout::kChannelTailEnd);
     if (end > 8 && std::memcmp(data, "\1\0\0\0", 4) == 0) {
@@ -101,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // (a failed create never unlinks).
         struct statvfs shm;
         FUZZ_CHECK(name[0] == '.' || kUntouched.count(name) != 0 ||
-                   (statvfs("/dev/shm", &shm) == 0 && static_cast<uint64_t>(sizeOf(name)) > shm.f_bavail * shm.f_frsize));
+                   (statvfs("/dev/shm", &shm) == 0 && static_cast<uint64_t>(segmentSize(name)) > shm.f_bavail * shm.f_frsize));
         if (kUntouched.count(name) == 0)
             shm_unlink(name.c_str());
     }

@@ -25,10 +25,12 @@
 #include <sstream>
 #include <string>
 
-#include "korvane/sync.h"
-#include "korvane/system.h"
+#include "ShmView.h"
+#include "korvane/korvane.hpp"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr int kMaxWorkers = 32; // the last slot is the supervisor's
 constexpr int kTokens = 2;      // the semaphore's count
@@ -58,11 +60,6 @@ int64_t nowNs() {
     timespec now {};
     os_clock_get_time(1, &now);
     return now.tv_sec * 1000000000LL + now.tv_nsec;
-}
-
-timespec deadlineIn(int64_t ns) {
-    const int64_t at = nowNs() + ns;
-    return timespec {at / 1000000000, at % 1000000000};
 }
 
 int pick(int bound) { return static_cast<int>(rng() % static_cast<unsigned>(bound)); }
@@ -133,13 +130,6 @@ struct Handles {
 // A named creation that got no answer gives a handle whose operations return
 // at once; only a usable one maps its memory, once more than the mappings a
 // worker inherits from the supervisor's handles.
-int mappings(const char* name) {
-    const std::string maps = proc("self", "maps"), line = std::string("/dev/shm/") + name + "\n";
-    int count = 0;
-    for (size_t at = maps.find(line); at != std::string::npos; at = maps.find(line, at + 1))
-        ++count;
-    return count;
-}
 int inherited[kKinds] = {};
 
 void createOrDestroy(Handles& h, int which, bool create) {
@@ -163,7 +153,7 @@ void createOrDestroy(Handles& h, int which, bool create) {
 void recreate(Handles& h, int which) {
     createOrDestroy(h, which, false);
     createOrDestroy(h, which, true);
-    while (mappings(kNames[which]) != inherited[which] + 1 && !shared->stop) {
+    while (kvtest::mappingsOf(kNames[which]) != inherited[which] + 1 && !shared->stop) {
         createOrDestroy(h, which, false);
         usleep(5000);
         createOrDestroy(h, which, true);
@@ -217,7 +207,7 @@ void rwSection(Handles& h, bool write) {
 // gives back the token of a worker it kills while holding one.
 void semaphoreSection(Handles& h) {
     shared->phase[mySlot] = kUnaccounted;
-    if (timed([&] { return os_semaphore_wait_timeout(h.semaphore, deadlineIn(200000000)); })) {
+    if (timed([&] { return os_semaphore_wait_timeout(h.semaphore, korvane::detail::deadline_after(200ms)); })) {
         if (++shared->tokensHeld > kTokens)
             violation("more semaphore tokens held than the semaphore has");
         shared->phase[mySlot] = kHoldingToken;
@@ -241,7 +231,7 @@ void eventSection(Handles& h) {
     } else if (pick(2) == 0) {
         shared->autoSets++;
         os_event_set_event(h.automatic);
-    } else if (timed([&] { return os_event_wait_timeout(h.automatic, deadlineIn(20000000)); })) {
+    } else if (timed([&] { return os_event_wait_timeout(h.automatic, korvane::detail::deadline_after(20ms)); })) {
         if (++shared->autoTaken > shared->autoSets)
             violation("an automatic event released more waiters than it had sets");
     }
@@ -262,7 +252,7 @@ int workerMain(int slot, bool timer) {
     }
     Handles h;
     for (int which = 0; which < kKinds; ++which) {
-        inherited[which] = mappings(kNames[which]);
+        inherited[which] = kvtest::mappingsOf(kNames[which]);
         recreate(h, which);
     }
     for (; !shared->stop; shared->operations++) {
@@ -473,7 +463,7 @@ int main(int argc, char** argv) {
     int unfinished = 0, tokens = 0;
     for (int slot = 0; slot < workers; ++slot)
         unfinished += !reap(shared->pid[slot], 20, [slot] { reportStuck(slot); });
-    while (os_semaphore_wait_timeout(held.semaphore, deadlineIn(0)))
+    while (os_semaphore_wait_timeout(held.semaphore, korvane::detail::deadline_after(0ms)))
         ++tokens;
     if (tokens != kTokens)
         violation("the semaphore ends with " + std::to_string(tokens) + " tokens");

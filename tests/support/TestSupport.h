@@ -1,14 +1,27 @@
 // Helpers shared by the test suites: forked children with bounded waits,
-// names unique to the run, and capture of what a child prints.
+// names unique to the run, temporary folders and capture of what a process
+// prints.
 #ifndef KORVANE_TEST_SUPPORT_H
 #define KORVANE_TEST_SUPPORT_H
 
-#include <sys/types.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace kvtest {
@@ -17,6 +30,35 @@ using namespace std::chrono_literals;
 
 // Every wait a test makes is bounded by this unless it says otherwise.
 constexpr std::chrono::milliseconds kDefaultTimeout = 20s;
+
+// Polls `condition` every millisecond until it holds or `timeout` passes.
+inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kDefaultTimeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+// An unnamed temporary file for what a process prints; it is read back once
+// the process is done, so nothing has to drain it meanwhile.
+inline FILE* openCaptureFile() {
+    FILE* file = tmpfile();
+    if (file == nullptr)
+        throw std::runtime_error("tmpfile failed");
+    return file;
+}
+
+inline std::string readBack(FILE* file) {
+    std::string text;
+    rewind(file);
+    for (int c; (c = fgetc(file)) != EOF;)
+        text += static_cast<char>(c);
+    fclose(file);
+    return text;
+}
 
 // Result of a child process.
 struct ChildResult {
@@ -29,14 +71,50 @@ struct ChildResult {
 // What it prints is kept when `captureStdout`.
 class Child {
 public:
-    explicit Child(std::function<int()> body, bool captureStdout = false);
+    explicit Child(std::function<int()> body, bool captureStdout = false)
+        : m_output(captureStdout ? openCaptureFile() : nullptr) {
+        fflush(nullptr);
+        m_pid = fork();
+        if (m_pid < 0)
+            throw std::runtime_error("fork failed");
+        if (m_pid == 0) {
+            if (m_output != nullptr)
+                dup2(fileno(m_output), STDOUT_FILENO);
+            int code = 98; // the body threw
+            try {
+                code = body();
+            } catch (...) {
+            }
+            fflush(stdout);
+            _exit(code);
+        }
+    }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
     ~Child() { wait(0ms); } // kills and reaps a child that is still running
 
     pid_t pid() const { return m_pid; }
+
     // Waits at most `timeout`, then kills the child with SIGKILL.
-    ChildResult wait(std::chrono::milliseconds timeout = kDefaultTimeout);
+    ChildResult wait(std::chrono::milliseconds timeout = kDefaultTimeout) {
+        ChildResult result;
+        if (m_pid <= 0)
+            return result;
+        const pid_t pid = std::exchange(m_pid, -1);
+        int status = 0;
+        const auto reaped = [&] {
+            const pid_t done = waitpid(pid, &status, WNOHANG);
+            return done == pid || (done < 0 && errno != EINTR);
+        };
+        if (!eventually(reaped, timeout)) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        if (FILE* output = std::exchange(m_output, nullptr))
+            result.output = readBack(output);
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return result;
+    }
 
 private:
     FILE* m_output;
@@ -44,24 +122,43 @@ private:
 };
 
 // Runs `body` in a child and waits for it.
-ChildResult runInChild(std::function<int()> body, std::chrono::milliseconds timeout = kDefaultTimeout,
-                       bool captureStdout = false);
+inline ChildResult runInChild(std::function<int()> body, std::chrono::milliseconds timeout = kDefaultTimeout,
+                              bool captureStdout = false) {
+    return Child(std::move(body), captureStdout).wait(timeout);
+}
+
+// The prefix every uniqueName of this process starts with.
+inline std::string namePrefix() { return "kvt_" + std::to_string(getpid()) + "_"; }
 
 // A name no other test of any run uses: "kvt_<pid>_<counter>_<tag>".
-std::string uniqueName(const std::string& tag);
-// The prefix every uniqueName of this process starts with.
-std::string namePrefix();
+inline std::string uniqueName(const std::string& tag) {
+    static std::atomic<unsigned> counter{0};
+    return namePrefix() + std::to_string(counter++) + "_" + tag;
+}
+
 // Entries of /dev/shm whose name contains `fragment`.
-std::vector<std::string> shmEntriesContaining(const std::string& fragment);
+inline std::vector<std::string> shmEntriesContaining(const std::string& fragment) {
+    std::vector<std::string> names;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+        if (std::string name = entry.path().filename(); name.find(fragment) != std::string::npos)
+            names.push_back(std::move(name));
+    }
+    return names;
+}
 
-// Polls `condition` every millisecond until it holds or `timeout` passes.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kDefaultTimeout);
-
-// A fresh temporary folder, removed with everything in it on destruction.
+// A fresh temporary folder, removed with everything in it (links are
+// removed, never followed) on destruction.
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
+    TempDir() : m_path(std::filesystem::temp_directory_path() / "korvane-test-XXXXXX") {
+        if (mkdtemp(m_path.data()) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return m_path; }
@@ -71,11 +168,28 @@ private:
     std::string m_path;
 };
 
-// Runs `body` with stdout redirected and returns what it printed.
-std::string captureStdout(const std::function<void()>& body);
+// Runs `body` with stdout redirected and returns what it printed; stdout is
+// restored on every way out of the body, exceptions included.
+inline std::string captureStdout(const std::function<void()>& body) {
+    FILE* output = openCaptureFile();
+    fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(fileno(output), STDOUT_FILENO);
+    std::unique_ptr<const int, void (*)(const int*)> restore(&saved, [](const int* fd) {
+        fflush(stdout);
+        dup2(*fd, STDOUT_FILENO);
+        close(*fd);
+    });
+    body();
+    restore.reset();
+    return readBack(output);
+}
 
 // The whole content of the file at `path` ("" when it cannot be read).
-std::string fileText(const std::string& path);
+inline std::string fileText(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 } // namespace kvtest
 

@@ -82,11 +82,7 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     // within two seconds, and the manager says whose it was.
     OS::CSyncClient live;
     ASSERT_TRUE(live.create());
-    const auto lockValue = [&] { // as any process sees it
-        int value = -1;
-        sem_getvalue(live.lockSemaphore, &value);
-        return value;
-    };
+    const auto lockValue = [&] { return semaphoreValue(live.lockSemaphore); };
     live.lockChannel();
     os_thread_sleep_milliseconds(1500);
     EXPECT_EQ(lockValue(), 0) << "a live holder's lock is taken";
@@ -186,9 +182,7 @@ TEST_F(ManagerRefusal, TheChannelsAndSemaphoresFilesAreNeverTakenOver) {
     ASSERT_TRUE(client.create());
     ASSERT_TRUE(client.lockChannel());
     uint8_t* channel = static_cast<uint8_t*>(os_sharememory_get_buffer(client.channelMemory));
-    timespec deadline {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 5; // room for a loaded machine
+    const timespec deadline = realtimeDeadlineAfter(5000000000); // room for a loaded machine
     for (const std::string& file : {kChannelEntries[0], kChannelEntries[1]}) {
         for (const uint32_t operation : {kCreateRequest, kDestroyRequest}) {
             MemoryRequest request;

@@ -5,11 +5,12 @@
 #define KORVANE_TESTS_SYNC_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
 
-#include <fstream>
 #include <memory>
 
+#include "ShmView.h"
 #include "TestSupport.h" // with <chrono>, <functional>, <string>, <vector> and <sys/types.h>
 #include "korvane/korvane.hpp"
 
@@ -18,21 +19,6 @@ namespace kvtest {
 // A monotonic deadline already past.
 inline timespec pastDeadline() {
     return korvane::detail::deadline_at(std::chrono::steady_clock::now() - 5ms);
-}
-
-// Of /dev/shm/<name>: the size (-1 when absent), and how many times `process`
-// maps it.
-inline int64_t segmentSize(const std::string& name) {
-    struct stat status {};
-    return stat(("/dev/shm/" + name).c_str(), &status) == 0 ? status.st_size : -1;
-}
-
-inline int mappingsOf(const std::string& name, const std::string& process = "self") {
-    std::ifstream maps("/proc/" + process + "/maps");
-    int count = 0;
-    for (std::string line; std::getline(maps, line);) // a removed segment's line ends in " (deleted)"
-        count += (line + ' ').find("/dev/shm/" + name + ' ') != std::string::npos;
-    return count;
 }
 
 // The sync channel's names as /dev/shm shows them, and those present now;
@@ -87,8 +73,18 @@ auto openMapped(const std::string& name, Make make) -> decltype(make()) {
 // (memories, System V semaphores).
 class SyncTest : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ASSERT_TRUE(os_sync_environment_initialize(false)) << "another manager runs, or a crashed one left its names";
+        // Its thread opens the request and finish semaphores a moment later.
+        ASSERT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
+    }
+    void TearDown() override {
+        for (const std::string& leftover : m_names) // keyed by memory files that go with the manager
+            semctl(semget(ftok(("/dev/shm/" + leftover).c_str(), 0), 1, 0), 0, IPC_RMID);
+        os_sync_environment_uninitialize();
+        for (const std::string& leftover : m_names)
+            shm_unlink(leftover.c_str());
+    }
     std::string name(const std::string& tag) { return m_names.emplace_back(uniqueName(tag)); }
 
 private:

@@ -5,12 +5,12 @@
 #include <cstring>
 #include <string>
 
+#include "AutomationTestSupport.h"
 #include "FuzzCheck.h"
-#include "korvane/automation.h"
 
 namespace {
 
-constexpr unsigned kWidth[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1}; // bytes, by tag
+using autotest::kWidth;
 
 bool isInteger(TVARTYPE type) { return type >= TVT_CHAR && type <= TVT_ULONGLONG; }
 

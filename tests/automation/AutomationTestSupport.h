@@ -16,6 +16,8 @@
 namespace autotest {
 
 constexpr TVARTYPE kUnknownTag = 99; // no variant type uses it
+// The bytes a value of each tag takes, the string's unit pointer included.
+constexpr unsigned kWidth[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1};
 
 struct Variant {
     Variant() { variant_init(&record); }
@@ -56,7 +58,6 @@ inline Unit rawUnit(const std::string& bytes) {
 inline std::string describe(const tagTVARIANT* v) {
     static const char* const names[] = {"empty", "char", "byte", "short",  "ushort", "int",    "uint", "long",
                                         "ulong", "ll",   "ull",  "float",  "double", "string", "bool"};
-    static const unsigned widths[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1};
     const bstrunit* unit = v->value.bstrVal;
     char value[400] = "null";
     if (v->vt == TVT_EMPTY || v->vt > TVT_BOOL)
@@ -65,7 +66,7 @@ inline std::string describe(const tagTVARIANT* v) {
         return value;
     if (v->vt == TVT_STRING && unit != nullptr)
         return "string:'" + std::string(bstrunit_data(unit), strnlen(bstrunit_data(unit), unit->length)) + "'";
-    const unsigned shift = 64 - 8 * widths[v->vt];
+    const unsigned shift = 64 - 8 * kWidth[v->vt];
     const bool isSigned = v->vt == TVT_SHORT || v->vt == TVT_INT || v->vt == TVT_LONG || v->vt == TVT_LONGLONG;
     if (v->vt == TVT_FLOAT || v->vt == TVT_DOUBLE)
         std::snprintf(value, sizeof value, "%.*g", v->vt == TVT_FLOAT ? 9 : 17,

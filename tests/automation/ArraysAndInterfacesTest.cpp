@@ -17,11 +17,6 @@ namespace {
 
 using namespace autotest;
 using Log = std::vector<std::string>;
-
-
-using Reader = korvane::Ref<IVariantRead>;
-using Writer = korvane::Ref<IVariantWrite>;
-using Wrapper = std::unique_ptr<variant_wrapper_handle, Destroyer<variant_wrapper_handle, variant_wrapper_destroy>>;
 void* slotOf(void* object, int slot) { return (*static_cast<void***>(object))[slot]; }
 
 // Applications built without this header call the operations by their fixed
@@ -30,13 +25,12 @@ void* slotOf(void* object, int slot) { return (*static_cast<void***>(object))[sl
 // float's sign byte, a text's NUL); they resolve a private copy, checked
 // below with a string. The writer's setters: the tag each leaves.
 TEST(VariantReaderAndWriter, EverySlotServesItsOwnTypeAndTheVariantIsOnlyWrittenByTheWriter) {
-    Variant v;
-    variant_set_double(v.get(), -1.0, true);
-    const Wrapper wrapper(variant_wrapper_create());
-    variant_wrapper_set_mode(wrapper.get(), true, true);
-    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
-    const Reader r(variant_wrapper_get_variantread(wrapper.get()));
-    const Writer w(variant_wrapper_get_variantwrite(wrapper.get()));
+    Variant v(setTo(variant_set_double, -1.0));
+    korvane::VariantWrapper wrapper;
+    wrapper.set_mode(true, true);
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), v.get(), false);
+    const auto r = wrapper.reader();
+    const auto w = wrapper.writer();
     std::vector<std::string> written;
     for (int slot = 3; slot <= 17; ++slot) {
         std::vector<unsigned char> buffer(16, 0xEE);
@@ -103,11 +97,9 @@ TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnc
         {"Int", text("1"), "empty"}, {"<silent>", text("1"), "empty"}};
     for (const auto& [type, make, expected] : rows) {
         Log log;
-        Variant source, v;
-        make(source.get());
+        Variant source(make), v(text("old")); // the old text is freed by the fill, or the leak checker complains
         AppReader* app = new AppReader(log, type);
         app->setWrapperValue(source.get());
-        variant_set_string(v.get(), "old", true); // freed by the fill, or the leak checker complains
         variant_set_variantread(v.get(), app);
         EXPECT_EQ(describe(v.get()), expected) << type;
         EXPECT_EQ(app->releaseRef(), 0);
@@ -120,30 +112,28 @@ TEST(ApplicationReader, FillsAVariantThroughTheNamedGetterAndFinalReleaseRunsOnc
 // handles' results are in BoolResultTest; the type name and a clone's value
 // are read in the C++ wrapper's test.
 TEST(VariantWrapper, BorrowedValueIsWrittenInPlaceAndCopiedValueIsPrivate) {
-    Variant v;
-    variant_set_string(v.get(), "42", true);
-    Wrapper wrapper(variant_wrapper_create());
+    Variant v(text("42"));
+    korvane::VariantWrapper wrapper;
     // Readable only when new: the C++ wrapper's test takes its reader.
-    EXPECT_EQ(variant_wrapper_get_variantwrite(wrapper.get()), nullptr);
-    EXPECT_FALSE(variant_wrapper_set_type(wrapper.get(), "int")) << "nothing bound";
-    variant_wrapper_set_mode(wrapper.get(), false, true);
-    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
-    EXPECT_TRUE(variant_wrapper_set_type(wrapper.get(), "short"));
+    EXPECT_FALSE(wrapper.writer());
+    EXPECT_FALSE(wrapper.set_type("int")) << "nothing bound";
+    wrapper.set_mode(false, true);
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), v.get(), false);
+    EXPECT_TRUE(wrapper.set_type("short"));
     EXPECT_EQ(describe(v.get()), "short:42");
-    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), true);
-    tagTVARIANT* owned = variant_wrapper_get_wrapper_value(wrapper.get());
-    const Writer writer(variant_wrapper_get_variantwrite(wrapper.get()));
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), v.get(), true);
+    tagTVARIANT* owned = variant_wrapper_get_wrapper_value(wrapper.native_handle());
+    const auto writer = wrapper.writer();
     EXPECT_TRUE(writer->setValue(7, true));
     EXPECT_EQ(describe(owned), "int:7");
     EXPECT_EQ(describe(v.get()), "short:42");
-    variant_wrapper_set_wrapper_value(wrapper.get(), owned, true); // its own copy again: kept
-    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.get()), owned);
-    const Wrapper clone(variant_wrapper_clone(wrapper.get()));
-    EXPECT_EQ(variant_wrapper_get_variantread(clone.get()), nullptr) << "the clone keeps the mode";
-    variant_wrapper_set_wrapper_value(wrapper.get(), nullptr, true);
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), owned, true); // its own copy again: kept
+    EXPECT_EQ(variant_wrapper_get_wrapper_value(wrapper.native_handle()), owned);
+    EXPECT_FALSE(wrapper.clone().reader()) << "the clone keeps the mode";
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), nullptr, true);
     EXPECT_FALSE(writer->setValue(1, true)) << "the writer follows the wrapper's binding";
     // A held interface outlives the wrapper, unbound; a borrowed value stays.
-    variant_wrapper_set_wrapper_value(wrapper.get(), v.get(), false);
+    variant_wrapper_set_wrapper_value(wrapper.native_handle(), v.get(), false);
     wrapper.reset();
     EXPECT_FALSE(writer->setValue(1, true));
     EXPECT_EQ(describe(v.get()), "short:42");

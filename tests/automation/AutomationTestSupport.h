@@ -11,7 +11,6 @@
 #include <string>
 
 #include "korvane/automation.h"
-#include "korvane/interfaces.h"
 
 namespace autotest {
 
@@ -19,15 +18,18 @@ constexpr TVARTYPE kUnknownTag = 99; // no variant type uses it
 // The bytes a value of each tag takes, the string's unit pointer included.
 constexpr unsigned kWidth[] = {0, 1, 1, 2, 2, 4, 4, 8, 8, 8, 8, 4, 8, 8, 1};
 
+// Fills a fresh variant for a table row.
+using Filler = std::function<void(tagTVARIANT*)>;
+
+// A record that is cleared when it goes, filled by a Filler if given one.
 struct Variant {
     Variant() { variant_init(&record); }
+    explicit Variant(const Filler& fill) : Variant() { fill(&record); }
     ~Variant() { variant_clear(&record); }
     tagTVARIANT* get() { return &record; }
     tagTVARIANT record;
 };
 
-// Fills a fresh variant for a table row.
-using Filler = std::function<void(tagTVARIANT*)>;
 template <class T, class Value>
 Filler setTo(void (*setter)(tagTVARIANT*, T, bool), Value value) {
     return [setter, value](tagTVARIANT* v) { setter(v, static_cast<T>(value), true); };
@@ -36,19 +38,10 @@ inline Filler text(const char* t) { return [t](tagTVARIANT* v) { variant_set_str
 // A record built by hand: any tag over any 64-bit value.
 inline Filler raw(TVARTYPE tag, uint64_t bits) { return [=](tagTVARIANT* v) { v->vt = tag, v->value.bits = bits; }; }
 
-// Owns a handle whose destroy function takes the handle's address.
-template <class Handle, void (*destroy)(Handle**)>
-struct Destroyer {
-    void operator()(Handle* handle) const { destroy(&handle); }
-};
-
-struct UnitFree {
-    void operator()(bstrunit* unit) const { bstrunit_free(unit); }
-};
-using Unit = std::unique_ptr<bstrunit, UnitFree>;
+using Unit = std::unique_ptr<bstrunit, decltype(&bstrunit_free)>;
 // A unit built by hand from raw bytes: no NUL is added.
 inline Unit rawUnit(const std::string& bytes) {
-    Unit unit(bstrunit_alloc(static_cast<int32_t>(bytes.size())));
+    Unit unit(bstrunit_alloc(static_cast<int32_t>(bytes.size())), &bstrunit_free);
     std::memcpy(bstrunit_data(unit.get()), bytes.data(), bytes.size());
     return unit;
 }

@@ -8,69 +8,66 @@
 #include <tuple>
 
 #include "AutomationTestSupport.h"
+#include "korvane/cpp/values.hpp"
 
 namespace {
 
 using namespace autotest;
 
-using Bstr = std::unique_ptr<bstr_handle, Destroyer<bstr_handle, bstr_destroy>>;
-Bstr bstr(const char* text = nullptr) {
-    Bstr handle(bstr_create());
-    bstr_set_string(handle.get(), text);
-    return handle;
-}
-
 TEST(BStrHandles, SettersCopyTheSourceAttachMovesTheUnitAndEqualityComparesLengthAndBytes) {
     // The copies' bytes (the NUL counted, a unit copied by its length) are
-    // checked with the variant's setters and the safe_array fuzz target.
-    const Bstr h = bstr(), source = bstr("text"), none = bstr();
+    // checked with the variant's setters and the safe_array fuzz target. The
+    // handles are the C++ layer's owners; one made from a text holds it with a
+    // final NUL, as bstr_set_string stores it.
+    const korvane::BStr held, source("text"), none;
+    const auto handle = [](const korvane::BStr& owner) { return owner.native_handle(); };
+    bstr_handle* const h = handle(held);
     // A null handle reports whether there was nothing to set (the null-source
     // results are in BoolResultTest).
-    EXPECT_TRUE(bstr_set_bstr(nullptr, none.get())) << "a source holding no string counts as null";
-    EXPECT_FALSE(bstr_set_bstr(nullptr, source.get()));
-    EXPECT_TRUE(bstr_set_bstr(h.get(), source.get()));
-    EXPECT_STREQ(bstr_get_string(h.get()), "text");
+    EXPECT_TRUE(bstr_set_bstr(nullptr, handle(none))) << "a source holding no string counts as null";
+    EXPECT_FALSE(bstr_set_bstr(nullptr, handle(source)));
+    EXPECT_TRUE(bstr_set_bstr(h, handle(source)));
+    EXPECT_STREQ(bstr_get_string(h), "text");
     // A source inside the handle's own unit is read before that unit is freed.
     const char* const longText = "a text longer than any allocator header";
-    bstr_set_string(h.get(), longText);
-    EXPECT_TRUE(bstr_set_string(h.get(), bstr_get_string(h.get())));
-    EXPECT_STREQ(bstr_get_string(h.get()), longText);
+    bstr_set_string(h, longText);
+    EXPECT_TRUE(bstr_set_string(h, bstr_get_string(h)));
+    EXPECT_STREQ(bstr_get_string(h), longText);
     const std::function<bool()> nullSources[] = {
-        [&] { return bstr_set_string(h.get(), nullptr); }, [&] { return bstr_set_bstrunit(h.get(), nullptr); },
-        [&] { return bstr_set_bstr(h.get(), none.get()); },
-        [&] { return bstr_set_bstr(h.get(), h.get()); }}; // self-assignment empties, on purpose
+        [&] { return bstr_set_string(h, nullptr); }, [&] { return bstr_set_bstrunit(h, nullptr); },
+        [&] { return bstr_set_bstr(h, handle(none)); },
+        [&] { return bstr_set_bstr(h, h); }}; // self-assignment empties, on purpose
     for (const auto& setNull : nullSources) {
-        bstr_set_string(h.get(), "old"); // freed by the setter, or the leak checker complains
+        bstr_set_string(h, "old"); // freed by the setter, or the leak checker complains
         EXPECT_TRUE(setNull());
-        EXPECT_EQ(bstr_get_string(h.get()), nullptr);
+        EXPECT_EQ(bstr_get_string(h), nullptr);
     }
     alignas(bstrunit) char block[sizeof(bstrunit)];
-    EXPECT_THROW(bstr_set_bstrunit(h.get(), new (block) bstrunit{-1}), std::bad_array_new_length);
+    EXPECT_THROW(bstr_set_bstrunit(h, new (block) bstrunit{-1}), std::bad_array_new_length);
     // Units move in and out without copies; the leak checker sees a lost one.
-    bstr_set_string(h.get(), "old");
+    bstr_set_string(h, "old");
     bstrunit* unit = rawUnit(std::string("new", 4)).release();
     bstr_attach_bstrunit(nullptr, unit); // takes nothing
-    bstr_attach_bstrunit(h.get(), unit);
-    bstr_attach_bstrunit(h.get(), unit); // its own unit again: kept, not freed
-    EXPECT_EQ(bstr_get_string(h.get()), bstrunit_data(unit));
-    const Unit detached(bstr_detach_bstrunit(h.get()));
-    EXPECT_EQ(detached.get(), unit);
-    bstr_attach_bstrunit(h.get(), bstrunit_alloc(0));
-    bstr_attach_bstrunit(h.get(), nullptr); // frees it
-    EXPECT_EQ(bstr_get_string(h.get()), nullptr);
+    bstr_attach_bstrunit(h, unit);
+    bstr_attach_bstrunit(h, unit); // its own unit again: kept, not freed
+    EXPECT_EQ(bstr_get_string(h), bstrunit_data(unit));
+    EXPECT_EQ(Unit(bstr_detach_bstrunit(h), &bstrunit_free).get(), unit) << "handed back as it was";
+    bstr_attach_bstrunit(h, bstrunit_alloc(0));
+    bstr_attach_bstrunit(h, nullptr); // frees it
+    EXPECT_EQ(bstr_get_string(h), nullptr);
     // Equality: the null and empty states (h holds no string now), then length and bytes.
-    const Bstr abc = bstr("abc"), abc2 = bstr("abc"), abd = bstr("abd"), ab = bstr("ab"), empty = bstr();
-    bstr_attach_bstrunit(empty.get(), bstrunit_alloc(0));
+    const korvane::BStr abc("abc"), abc2("abc"), abd("abd"), ab("ab"), empty;
+    bstr_attach_bstrunit(handle(empty), bstrunit_alloc(0));
     const Unit withNul = rawUnit(std::string("ab", 3)), noNul = rawUnit("ab");
     const std::tuple<bstr_handle*, bstr_handle*, bool> handles[] = {
-        {nullptr, none.get(), false},    {none.get(), nullptr, false},     {none.get(), h.get(), true},
-        {none.get(), empty.get(), false}, {empty.get(), none.get(), false}, {abc.get(), abc2.get(), true},
-        {abc.get(), abd.get(), false},   {abc.get(), ab.get(), false}};
+        {nullptr, handle(none), false}, {handle(none), nullptr, false}, {handle(none), h, true},
+        {handle(none), handle(empty), false}, {handle(empty), handle(none), false}, {handle(abc), handle(abc2), true},
+        {handle(abc), handle(abd), false}, {handle(abc), handle(ab), false}};
     for (const auto& r : handles)
         EXPECT_EQ(bstr_equal_bstr(std::get<0>(r), std::get<1>(r)), std::get<2>(r)) << "row " << &r - handles;
     const std::tuple<bstr_handle*, const bstrunit*, bool> units[] = {
-        {nullptr, withNul.get(), false}, {none.get(), nullptr, true}, {none.get(), withNul.get(), false},
-        {ab.get(), nullptr, false}, {ab.get(), withNul.get(), true}, {ab.get(), noNul.get(), false}};
+        {nullptr, withNul.get(), false}, {handle(none), nullptr, true}, {handle(none), withNul.get(), false},
+        {handle(ab), nullptr, false}, {handle(ab), withNul.get(), true}, {handle(ab), noNul.get(), false}};
     for (const auto& r : units)
         EXPECT_EQ(bstr_equal_bstrunit(std::get<0>(r), std::get<1>(r)), std::get<2>(r)) << "row " << &r - units;
 }
@@ -93,8 +90,7 @@ TEST(VariantInitAndClear, ZeroTheRecordButAStringKeepsItsPadding) {
 // each setter leaves is checked through the writer's slots.
 TEST(VariantSetters, APresetTypeNeverCoercesTheValueAndTextsAreCopied) {
     const std::string longText = "a text longer than any allocator header";
-    Variant v;
-    variant_set_double(v.get(), 9.5, true);
+    Variant v(setTo(variant_set_double, 9.5));
     variant_set_char(v.get(), -1, false);
     EXPECT_EQ(v.record.value.bits, 0xFFu) << describe(v.get());
     variant_set_string(v.get(), longText.c_str(), false);
@@ -122,8 +118,7 @@ TEST(VariantEqual, TagAndValueWithTheLongLongAndStringQuirks) {
         {raw(kUnknownTag, 1), raw(kUnknownTag, 1), false},
     };
     for (const auto& [fillA, fillB, equal] : cases) {
-        Variant a, b;
-        fillA(a.get()), fillB(b.get());
+        Variant a(fillA), b(fillB);
         EXPECT_EQ(variant_equal_variant(a.get(), b.get()), equal) << describe(a.get()) << " " << describe(b.get());
     }
 }

@@ -45,8 +45,7 @@ TEST(VariantConversionMatrix, EveryTargetGivesItsValueOrIsRefusedUntouched) {
         std::istringstream targets(row);
         std::string expected;
         for (TVARTYPE target = 0; targets >> expected; target = target == TVT_BOOL ? kUnknownTag : target + 1) {
-            Variant v;
-            make(v.get());
+            Variant v(make);
             const tagTVARIANT before = *v.get();
             SCOPED_TRACE(describe(&before) + " to tag " + std::to_string(target));
             const bool converted = variant_change_type(v.get(), target);
@@ -87,8 +86,7 @@ TEST(VariantConversionEdges, ParsingTruncationAndUntypedVariants) {
         {raw(kUnknownTag, 0x1234), TVT_SHORT, "short:4660"}, {raw(TVT_EMPTY, 0x1234), 77, "tag77:0x1234"},
     };
     for (const auto& [make, target, expected] : cases) {
-        Variant v;
-        make(v.get());
+        Variant v(make);
         EXPECT_TRUE(variant_change_type(v.get(), target)) << expected;
         EXPECT_EQ(describe(v.get()), expected) << "to tag " << target;
     }
@@ -107,8 +105,7 @@ TEST(VariantAjustDataValue, NarrowsIntegersToTheBitWidthAndRefusesTheRest) {
         {TVT_USHORT, 0x0180, 8, 0x0180}, {TVT_BYTE, 0x18, 4, 0x18},
     };
     for (const auto& [tag, before, bits, after] : rows) {
-        Variant v;
-        raw(tag, before)(v.get());
+        Variant v(raw(tag, before));
         SCOPED_TRACE(describe(v.get()) + " to " + std::to_string(bits) + " bits");
         EXPECT_EQ(variant_ajust_data_value(v.get(), bits), tag >= TVT_CHAR && tag <= TVT_ULONGLONG);
         EXPECT_EQ(v.record.value.bits, after);

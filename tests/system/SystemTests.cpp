@@ -21,9 +21,6 @@ namespace {
 
 std::pair<long long, long> fields(const timespec& value) { return {value.tv_sec, value.tv_nsec}; }
 
-// Runs `body` in a child, which returns 0 or the number of the check that failed.
-void expectChildSucceeds(const std::function<int()>& body) { EXPECT_EQ(kvtest::runInChild(body).exitCode, 0); }
-
 // Clock arithmetic is field by field and normalises in whole seconds.
 TEST(Clock, ArithmeticSleepsAndSignals) {
     const std::pair<timespec, timespec> rows[] = {
@@ -40,8 +37,8 @@ TEST(Clock, ArithmeticSleepsAndSignals) {
     // A signal (SIGALRM every 20 ms, no SA_RESTART) ends the deadline sleep
     // early with EINTR, since its retry only looks for -1; the relative sleep
     // goes on. A deadline just passed ends the sleep at once: it is not read
-    // as a span.
-    expectChildSucceeds([] {
+    // as a span. The child returns 0 or the number of the check that failed.
+    EXPECT_EQ(kvtest::runInChild([] {
         struct sigaction action {};
         action.sa_handler = [](int) {};
         const itimerval every20ms = {{0, 20000}, {0, 20000}};
@@ -53,20 +50,21 @@ TEST(Clock, ArithmeticSleepsAndSignals) {
         if (os_clock_nano_sleep(&now) != 0 || os_clock_nano_sleep(&later) != EINTR)
             return 2;
         return os_thread_sleep_milliseconds(100); // 0 unless a signal ended it
-    });
+    }).exitCode, 0);
 }
 
 // The fetch functions return the new value, despite their names (kept for
-// existing callers); compare-and-swap returns the value it found.
+// existing callers); compare-and-swap returns the value it found. The
+// interfaces' reference counts are built on the fetch functions: their last
+// release reads fetch_sub's result, which the application reader's test checks.
 // A requested stack below 128 KiB is raised to it; 0 takes the platform's
 // own size, when that is larger. The threads run together, counting a shared
 // pair up and down: the atomics must lose no update.
 TEST(Thread, AtomicsAndStackFloor) {
     int64_t counter = 5;
     EXPECT_EQ(os_thread_sync_fetch_add(&counter), 6);
-    EXPECT_EQ(os_thread_sync_fetch_sub(&counter), 5);
-    EXPECT_EQ(os_thread_sync_compare_and_swap_64(&counter, 8, 9), 5);
-    EXPECT_EQ(os_thread_sync_compare_and_swap(&counter, 5, INT64_C(1) << 40), 5);
+    EXPECT_EQ(os_thread_sync_compare_and_swap_64(&counter, 8, 9), 6);
+    EXPECT_EQ(os_thread_sync_compare_and_swap(&counter, 6, INT64_C(1) << 40), 6);
     EXPECT_EQ(counter, INT64_C(1) << 40);
     static int64_t shared[2];
     static std::atomic<int> started{0}; // the counting starts once all four run
@@ -128,7 +126,7 @@ TEST(Process, RunApplicationAndShellCommandsFailOnlyOnSignalsOrNonZeroStatus) {
     std::ofstream(dir / "gated") << "while [ ! -e go ]; do sleep 0.01; done; exit 7\n";
     std::ofstream(dir / "killed") << "kill -9 $$\n";
     std::ofstream(dir / "killall") << "printf '%s|' \"$@\" >> arguments\n[ \"$2\" = ok ]\n";
-    expectChildSucceeds([&] {
+    EXPECT_EQ(kvtest::runInChild([&] {
         if (chdir(dir.path().c_str()) != 0 || !os_system_run_application("sh", "my script", true))
             return 1;
         if (!os_system_run_application("sh", "gated", false) || !std::ofstream("go") || wait(nullptr) <= 0)
@@ -142,7 +140,7 @@ TEST(Process, RunApplicationAndShellCommandsFailOnlyOnSignalsOrNonZeroStatus) {
         chmod("killall", 0755);
         setenv("PATH", (dir.path() + ":" + getenv("PATH")).c_str(), 1);
         return os_system_kill_application("ok") && !os_system_kill_application("a b") ? 0 : 6;
-    });
+    }).exitCode, 0);
     EXPECT_EQ(kvtest::fileText(dir / "path.out"), "my script|0");
     EXPECT_EQ(kvtest::fileText(dir / "local.out"), "a  b|0");
     EXPECT_EQ(kvtest::fileText(dir / "arguments"), "-9|ok|-9|a b|");

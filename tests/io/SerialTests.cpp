@@ -39,7 +39,6 @@ protected:
 // 8-byte frames. CR, LF, XON and XOFF come through unchanged only on a raw
 // line; bytes sent 20 ms apart are not a quiet line for a longer quiet time.
 TEST_F(SerialLine, ReadDeliversOneFrame) {
-    const char* const header = "\xAA\x55";
     // Leftover: what a plain read finds next, so nothing was read too far.
     struct {
         std::vector<std::string> writes; // sent 20 ms apart while the read runs
@@ -47,8 +46,8 @@ TEST_F(SerialLine, ReadDeliversOneFrame) {
         int quietMs;
         std::string frame, leftover = "", printed = "";
     } const rows[] = {
-        {{"12\xAA", "\x55\r\n\x11", "\x13" "56", "7"}, header, 5000, "\xAA\x55\r\n\x11\x13" "56", "7"},
-        {{}, header, 50, ""},
+        {{"12\xAA", "\x55\r\n\x11", "\x13" "56", "7"}, "\xAA\x55", 5000, "\xAA\x55\r\n\x11\x13" "56", "7"},
+        {{}, "\xAA\x55", 50, ""},
         {{"ABC"}, "ABCD", 100, "", "", "The frame header may be truncated.\n"},
     };
     for (const auto& row : rows) {
@@ -122,31 +121,25 @@ TEST_F(SerialLine, WriteSelectPurgeHangUpAndClose) {
 // Refusals close the device again: no descriptor is left open.
 TEST(SerialOpen, CodesSetTheirFlagsOrAreRefusedWithTheirMessages) {
     iotest::PseudoTerminal line;
-    const auto openDescriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
+    const auto openDescriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     const auto descriptorsBefore = openDescriptors();
-    struct Row {
-        uint8_t parity, stopbits;
-        tcflag_t inputFlags, controlFlags;
-        const char* printed = "";
-    };
-    for (const Row& r : {Row{1, 0, INPCK, PARODD}, Row{4, 1, INPCK, CSTOPB}, Row{1, 1, INPCK, PARODD | CSTOPB},
-                         Row{2, 0, INPCK, PARODD}, Row{0, 0, 0, PARODD},
-                         Row{0, 2, 0, 0, "Unsupported stopbits\n"}, Row{3, 0, 0, 0, "Unsupported parity\n"},
-                         Row{3, 5, 0, 0, "Unsupported parity\nUnsupported stopbits\n"}}) {
-        SCOPED_TRACE(::testing::Message() << "parity " << int(r.parity) << ", stop bits " << int(r.stopbits));
+    // Parity and stop-bits codes, the input and control flags they set, what a refusal prints.
+    const std::tuple<uint8_t, uint8_t, tcflag_t, tcflag_t, const char*> rows[] = {
+        {1, 0, INPCK, PARODD, ""}, {4, 1, INPCK, CSTOPB, ""}, {1, 1, INPCK, PARODD | CSTOPB, ""},
+        {2, 0, INPCK, PARODD, ""}, {0, 0, 0, PARODD, ""}, {0, 2, 0, 0, "Unsupported stopbits\n"},
+        {3, 0, 0, 0, "Unsupported parity\n"}, {3, 5, 0, 0, "Unsupported parity\nUnsupported stopbits\n"}};
+    for (const auto& [parity, stopbits, inputFlags, controlFlags, printed] : rows) {
+        SCOPED_TRACE(::testing::Message() << "parity " << int(parity) << ", stop bits " << int(stopbits));
         int port = -1;
-        const auto open = [&] { port = os_serial_open(line.slavePath(), 9600, r.parity, r.stopbits, B9600); };
-        EXPECT_EQ(kvtest::captureStdout(open), r.printed);
-        if (*r.printed != '\0') {
-            EXPECT_EQ(port, -1);
+        const auto open = [&, p = parity, s = stopbits] { port = os_serial_open(line.slavePath(), 9600, p, s, B9600); };
+        EXPECT_EQ(kvtest::captureStdout(open), printed);
+        EXPECT_EQ(port == -1, *printed != '\0') << "refused exactly when a message says why";
+        if (port == -1)
             continue;
-        }
         termios settings;
         ASSERT_EQ(tcgetattr(port, &settings), 0);
-        EXPECT_EQ(settings.c_iflag & INPCK, r.inputFlags);
-        EXPECT_EQ(settings.c_cflag & (PARODD | CSTOPB), r.controlFlags);
+        EXPECT_EQ(settings.c_iflag & INPCK, inputFlags);
+        EXPECT_EQ(settings.c_cflag & (PARODD | CSTOPB), controlFlags);
         EXPECT_EQ(settings.c_cflag & (CSIZE | CREAD | CLOCAL), tcflag_t(CS8 | CREAD | CLOCAL));
         EXPECT_EQ(settings.c_lflag & (ISIG | ICANON | ECHO | ECHOE), 0u);
         EXPECT_EQ(cfgetospeed(&settings), speed_t(B9600));

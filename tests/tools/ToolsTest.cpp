@@ -19,9 +19,6 @@
 
 namespace {
 
-using kvtest::ChildResult;
-using kvtest::shmEntriesContaining;
-
 // The service lock of the tools run here lives in a folder of this run,
 // removed at the end by this process (forked children leave through _exit).
 struct RuntimeDirectory : kvtest::TempDir {
@@ -34,7 +31,7 @@ testing::AssertionResult contains(const std::string& text, const std::string& pa
 }
 
 // Whether a tool ended with `exitCode`, saying `part`.
-testing::AssertionResult ended(const ChildResult& run, int exitCode, const std::string& part) {
+testing::AssertionResult ended(const kvtest::ChildResult& run, int exitCode, const std::string& part) {
     if (run.exitCode != exitCode)
         return testing::AssertionFailure() << "status " << run.exitCode << ", said: " << run.output;
     return contains(run.output, part);
@@ -47,10 +44,9 @@ int execTool(const std::string& tool, const std::vector<std::string>& arguments,
     std::vector<std::string> words{KORVANE_TOOL_LAUNCHER};
     words.push_back(KORVANE_TOOLS_DIR "/" + tool);
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1); // ends with a null pointer
+    for (size_t i = 0; i < words.size(); ++i)
+        argv[i] = words[i].data();
     const bool dropped = !asNobody || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
     if (dup2(STDOUT_FILENO, STDERR_FILENO) >= 0 && dropped)
         execv(argv[0], argv.data());
@@ -64,7 +60,7 @@ std::unique_ptr<kvtest::Child> startSyncd(const std::vector<std::string>& argume
     return std::make_unique<kvtest::Child>([&] { return execTool("korvane-syncd", arguments, false); }, true);
 }
 
-ChildResult runTool(const std::string& tool, const std::vector<std::string>& arguments, bool asNobody = false) {
+kvtest::ChildResult runTool(const std::string& tool, const std::vector<std::string>& arguments, bool asNobody = false) {
     return kvtest::runInChild([&] { return execTool(tool, arguments, asNobody); }, kvtest::kDefaultTimeout, true);
 }
 
@@ -72,7 +68,7 @@ ChildResult runTool(const std::string& tool, const std::vector<std::string>& arg
 // "" if none does in time. One probe waits half a second for the answer, which
 // a loaded machine can miss: no check rests on a single one.
 std::string answeringStatus(const std::vector<std::string>& arguments = {"status"}) {
-    ChildResult run;
+    kvtest::ChildResult run;
     const bool answered = kvtest::eventually([&] { return (run = runTool("korvane-shm", arguments)).exitCode == 0; });
     return answered ? run.output : "";
 }
@@ -87,9 +83,7 @@ std::unique_ptr<kvtest::Child> holder(const std::function<void()>& setUp) {
     return child;
 }
 
-std::string listed(const std::string& name) {
-    return runTool("korvane-shm", {"--json", "list", name}).output;
-}
+std::string listed(const std::string& name) { return runTool("korvane-shm", {"--json", "list", name}).output; }
 
 // The life of the service. The one of two started at once that wins answers
 // (to root, not to an outsider) and keeps its channel. A live process's
@@ -151,7 +145,7 @@ TEST(KorvaneTools, OneServiceRunsKeepsObjectsInUseAndOnlyADeadOnesChannelIsClean
     user.reset();
     EXPECT_TRUE(contains(listed(n + "m"), "\"holders\":[],\"orphan\":true,\"state\":{\"locked\":true,\"owner_tid\":" +
                                               p + ",\"owner_alive\":false}"));
-    const ChildResult reclaimed = runTool("korvane-shm", {"reclaim"});
+    const kvtest::ChildResult reclaimed = runTool("korvane-shm", {"reclaim"});
     EXPECT_EQ(reclaimed.exitCode, 0);
     EXPECT_EQ(reclaimed.output, "reclaimed " + n + "e\nreclaimed " + n + "m\nreclaimed " + n + "r\nreclaimed " + n +
                                  "s\nreclaimed " + n + "w\n");
@@ -164,7 +158,7 @@ TEST(KorvaneTools, OneServiceRunsKeepsObjectsInUseAndOnlyADeadOnesChannelIsClean
     holder([&] { os_mutex_create(dropped.c_str()); }).reset();
     kill(syncd->pid(), SIGTERM);
     EXPECT_EQ(syncd->wait().exitCode, 0);
-    EXPECT_EQ(shmEntriesContaining(dropped).size(), 0u);
+    EXPECT_EQ(kvtest::shmEntriesContaining(dropped).size(), 0u);
     EXPECT_EQ(runTool("korvane-shm", {"clean"}).output, "no stale channel resources\n");
     syncd = startSyncd();
     ASSERT_NE(answeringStatus(), "");
@@ -179,11 +173,11 @@ TEST(KorvaneTools, OneServiceRunsKeepsObjectsInUseAndOnlyADeadOnesChannelIsClean
     EXPECT_TRUE(ended(runTool("korvane-shm", {"--json", "clean"}), 1,
                       "{\"refused\":\"process " + std::to_string(user->pid()) + " still uses"));
     user.reset();
-    const ChildResult removed = runTool("korvane-shm", {"--json", "clean"});
+    const kvtest::ChildResult removed = runTool("korvane-shm", {"--json", "clean"});
     EXPECT_EQ(removed.exitCode, 0);
     EXPECT_EQ(removed.output, "{\"removed\":[\"" KORVANE_SYNC_CHANNEL_MEMORY "\",\"" KORVANE_SYNC_LOCK_SEMAPHORE
                               "\",\"" KORVANE_SYNC_REQUEST_SEMAPHORE "\",\"" KORVANE_SYNC_FINISH_SEMAPHORE "\"]}\n");
-    EXPECT_EQ(shmEntriesContaining(dropped).size(), 1u);
+    EXPECT_EQ(kvtest::shmEntriesContaining(dropped).size(), 1u);
 
     // The next manager adopts the mutex (a second create opens it, still
     // locked by its owner) and reclaims the crash's orphan on its own.
@@ -193,12 +187,12 @@ TEST(KorvaneTools, OneServiceRunsKeepsObjectsInUseAndOnlyADeadOnesChannelIsClean
     const std::string state = listed(held);
     EXPECT_TRUE(contains(state, "\"open_count\":2,"));
     EXPECT_TRUE(contains(state, "\"owner_pid\":" + std::to_string(owner->pid())));
-    EXPECT_TRUE(kvtest::eventually([&] { return shmEntriesContaining(dropped).empty(); }));
+    EXPECT_TRUE(kvtest::eventually([&] { return kvtest::shmEntriesContaining(dropped).empty(); }));
     os_mutex_destroy(&second);
     owner.reset();
     kill(syncd->pid(), SIGINT);
     EXPECT_TRUE(ended(syncd->wait(), 0, "Interrupt received, sync manager stopped"));
-    EXPECT_TRUE(shmEntriesContaining(kvtest::namePrefix()).empty());
+    EXPECT_TRUE(kvtest::shmEntriesContaining(kvtest::namePrefix()).empty());
 }
 
 // A usage error ends with status 2, a request for help with 0.

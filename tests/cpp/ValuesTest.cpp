@@ -2,12 +2,11 @@
 // strings and optionals; the walk's callable and the library owner.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <korvane/korvane.hpp>
 #include <numeric>
 #include <set>
 
-#include "TestSupport.h"
+#include "TestSupport.h" // with <filesystem>
 
 using korvane::Variant;
 

@@ -3,10 +3,7 @@
 // os_event_create selects, a shared semaphore or a System V semaphore) with
 // the layout each leaves in a named event's memory, and of semaphores and
 // conditions.
-#include <sys/mman.h>
-#include <sys/sem.h>
-
-#include "SyncTestSupport.h"
+#include "SyncTestSupport.h" // with <sys/mman.h> and <sys/sem.h>
 #include "os/sync/SyncObjects.h"
 
 namespace {
@@ -151,7 +148,6 @@ TEST_F(Waits, NamedEventsAndSemaphoresLoseNoWakeUpBetweenProcesses) {
     EXPECT_EQ(second.wait().exitCode, 0);
 }
 
-
 // A process that dies holding the mutex right after waking a shared
 // condition's waiter: the waiter (a child, so that a fault cannot hang the
 // test) takes the mutex back repaired, consistent and its own.
@@ -162,12 +158,13 @@ TEST(SharedConditionOwnerDeath, TheWaiterRepairsTheMutexItTakesBack) {
         korvane::sync::SharedCondition condition;
         int waiting, woken;
     };
-    auto* page = static_cast<Page*>(mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    constexpr int kSharedWithChildren = MAP_SHARED | MAP_ANONYMOUS;
+    auto* page = static_cast<Page*>(mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, kSharedWithChildren, -1, 0));
     korvane::sync::initialiseMutex(&page->mutex, PTHREAD_MUTEX_NORMAL, true);
     page->condition.initialise();
     Child waiter([&] {
         korvane::sync::robustLock(&page->mutex);
-        page->waiting = 1;
+        __atomic_store_n(&page->waiting, 1, __ATOMIC_SEQ_CST);
         ConditionWait result = ConditionWait::Woken;
         const timespec deadline = korvane::detail::deadline_after(kDefaultTimeout);
         while (page->woken == 0 && result != ConditionWait::TimedOut)
@@ -175,12 +172,8 @@ TEST(SharedConditionOwnerDeath, TheWaiterRepairsTheMutexItTakesBack) {
         // 1: not woken; 2: the mutex it took back is not its own, consistent one.
         return result != ConditionWait::Woken ? 1 : pthread_mutex_unlock(&page->mutex) == 0 ? 0 : 2;
     });
-    ASSERT_TRUE(eventually([&] {
-        korvane::sync::robustLock(&page->mutex);
-        const bool waiting = page->waiting == 1;
-        pthread_mutex_unlock(&page->mutex);
-        return waiting;
-    }));
+    // The killer's lock waits for the waiter to let the mutex go in its wait.
+    ASSERT_TRUE(eventually([&] { return __atomic_load_n(&page->waiting, __ATOMIC_SEQ_CST) == 1; }));
     EXPECT_EQ(runInChild([&] {
         pthread_mutex_lock(&page->mutex);
         page->woken = 1;

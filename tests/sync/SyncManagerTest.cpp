@@ -1,15 +1,7 @@
 // The sync manager (its names, a second manager, client mode), the robust
 // lock's report, far deadlines, and what one killed, stopped or signalled
 // process must not do to the channel.
-#include <semaphore.h>
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <cstring>
-#include <thread>
 
 #include "SyncTestSupport.h"
 #include "os/sync/Deadline.h"
@@ -27,9 +19,7 @@ TEST(SyncManagerLife, StartCreatesTheChannelClientModeFindsItStopRemovesIt) {
     const std::string ready = uniqueName("ready");
     for (int round = 0; round < 10; ++round) {
         ASSERT_TRUE(os_sync_environment_initialize(false));
-        event_handle* event = os_event_create(false, true, ready.c_str()); // set: a usable one returns at once
-        EXPECT_TRUE(os_event_wait(event)) << round;
-        os_event_destroy(&event);
+        EXPECT_TRUE(korvane::Event(ready, false, true).wait()) << round; // set: a usable one returns at once
         const int mapped = mappingsOf(kChannelMemoryName);
         EXPECT_EQ(captureStdout([] { EXPECT_TRUE(os_sync_environment_initialize(true)); }), ""); // silently
         EXPECT_EQ(mappingsOf(kChannelMemoryName), mapped) << "client mode leaves nothing open";
@@ -55,9 +45,6 @@ TEST(SyncHelpers, TheRobustLockReportsWhatItCannotRepairAndFarDeadlinesSaturate)
     }
 }
 
-// No handler work: the timer only interrupts whatever the process waits in.
-void ignoreTick(int) {}
-
 // The manager runs in a process of its own, as korvane-syncd runs it, so that
 // it can be stopped and what it printed read.
 TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAreSurvived) {
@@ -69,11 +56,8 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
         [&] {
             int received = 0;
             pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-            if (!os_sync_environment_initialize(false))
-                return 1;
-            sigwait(&stop, &received);
-            os_sync_environment_uninitialize();
-            return 0;
+            const korvane::SyncManager running;
+            return running.running() ? sigwait(&stop, &received) : 1;
         },
         true);
     ASSERT_TRUE(eventually([] { return presentChannelEntries() == kChannelEntries; }));
@@ -91,34 +75,29 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
         OS::CSyncClient client;
         if (!client.create())
             return 1;
-        client.lockChannel();
-        return 0;
+        return client.lockChannel() ? 0 : 2;
     });
     const pid_t holderPid = holder.pid();
     EXPECT_EQ(holder.wait().exitCode, 0);
     ASSERT_TRUE(eventually([&] { return lockValue() == 1; }, 2500ms));
     // Stopped, the manager answers nothing.
-    int status = 0;
     kill(manager.pid(), SIGSTOP);
-    ASSERT_EQ(waitpid(manager.pid(), &status, WUNTRACED), manager.pid());
+    ASSERT_EQ(waitpid(manager.pid(), nullptr, WUNTRACED), manager.pid());
     const std::string name = uniqueName("in_step");
     // An answer left over on the finish semaphore is drained, not taken for
     // this request's, which the memory being there would show.
-    sharememory_handle* made = os_sharememory_create(name.c_str(), 52);
+    korvane::SharedMemory made = korvane::SharedMemory::create(name, 52).value();
     sem_post(live.finishSemaphore);
     NamedObject named;
     EXPECT_FALSE(createOrOpenNamedObject(named, name.c_str(), 52, nullptr, nullptr));
-    EXPECT_EQ(openCountOf(name), 0);
-    os_sharememory_close(made, true);
-    os_sharememory_destroy(&made);
+    made.close(true);
     ASSERT_EQ(lockValue(), 1) << "the channel's lock is given back";
     // The manager goes on 30 ms into the next request. Its wait for the
     // answer outlasts a signal (sent while nothing else wakes it), and an
     // answer that comes first is known by its number as an earlier request's.
     const MappedObject channel(kChannelMemoryName);
-    const uint32_t earlier = 1;
-    std::memcpy(channel.bytes + korvane::layout::kAnswerSequenceOffset, &earlier, sizeof earlier);
-    signal(SIGALRM, ignoreTick);
+    storeChannelWord(channel.bytes, korvane::layout::kAnswerSequenceOffset, 1); // an earlier request's number
+    signal(SIGALRM, [](int) {}); // no handler work: the signal only interrupts the wait
     const pthread_t client = pthread_self();
     std::thread resume([&] {
         os_thread_sleep_milliseconds(10);
@@ -140,8 +119,8 @@ TEST(ManagerProcess, DeadLockHoldersStallsLateAnswersSignalsAndASecondManagerAre
     kill(manager.pid(), SIGUSR1);
     const ChildResult ended = manager.wait();
     EXPECT_EQ(ended.exitCode, 0);
-    EXPECT_EQ(std::count(ended.output.begin(), ended.output.end(), '\n'), 1) << ended.output;
-    EXPECT_NE(ended.output.find(std::to_string(holderPid)), std::string::npos) << ended.output;
+    EXPECT_EQ(ended.output,
+              "sync manager: process " + std::to_string(holderPid) + " died holding the channel lock; lock released\n");
 }
 
 // A manager that stops while the channel's lock is held leaves that lock
@@ -154,22 +133,15 @@ TEST_F(ManagerRestart, AWaitForTheLockOfAStoppedManagerEnds) {
     ASSERT_TRUE(holder.create());
     ASSERT_TRUE(holder.lockChannel());
     const std::string name = uniqueName("replaced");
-    Child waiter([&] {
-        mutex_handle* mutex = os_mutex_create(name.c_str());
-        const bool unusable = mappingsOf(name) == 0;
-        os_mutex_destroy(&mutex);
-        return unusable ? 0 : 1;
-    });
+    Child waiter([&] { return korvane::Mutex(name).usable() ? 1 : 0; });
     // Once the waiter maps the channel memory once more than it inherited, it
     // has the old lock open (opened first) and waits on it.
     const int inherited = mappingsOf(kChannelMemoryName);
-    const std::string waiterPid = std::to_string(waiter.pid());
-    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, waiterPid) > inherited; }));
+    ASSERT_TRUE(eventually([&] { return mappingsOf(kChannelMemoryName, std::to_string(waiter.pid())) > inherited; }));
     os_sync_environment_uninitialize();
     ASSERT_TRUE(os_sync_environment_initialize(false));
     EXPECT_EQ(waiter.wait().exitCode, 0);
 }
-
 
 // The manager refuses, whatever client asks, to create or destroy a memory
 // named like the channel's memory or a named semaphore's file: serving such
@@ -185,10 +157,7 @@ TEST_F(ManagerRefusal, TheChannelsAndSemaphoresFilesAreNeverTakenOver) {
     const timespec deadline = realtimeDeadlineAfter(5000000000); // room for a loaded machine
     for (const std::string& file : {kChannelEntries[0], kChannelEntries[1]}) {
         for (const uint32_t operation : {kCreateRequest, kDestroyRequest}) {
-            MemoryRequest request;
-            request.operation = operation;
-            request.size = 4096;
-            request.name = file;
+            const MemoryRequest request{operation, 4096, file};
             EXPECT_TRUE(exchangeRequest(channel, client.requestSemaphore, client.finishSemaphore, request, deadline));
         }
     }

@@ -8,10 +8,10 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 
-#include <memory>
+#include <optional>
 
 #include "ShmView.h"
-#include "TestSupport.h" // with <chrono>, <functional>, <string>, <vector> and <sys/types.h>
+#include "TestSupport.h" // with <atomic>, <cerrno>, <memory>, <thread>, <unistd.h> and <sys/wait.h> among others
 #include "korvane/korvane.hpp"
 
 namespace kvtest {
@@ -38,13 +38,11 @@ inline const std::string kNoChannelOutput = "Error: Can not open os_mutex_manage
                                             "Error: Can not open os_mutex_manage_finish_semaphore, errno = 2!\n"
                                             "Error: Can not open os_mutex_manage_enabled_sharemomory, errno = 2!\n";
 
-// The segment mapped whole (through the library); bytes is null when absent.
+// The segment mapped whole (through the library's owner); bytes is null when absent.
 struct MappedObject {
-    explicit MappedObject(const std::string& name)
-        : memory(os_sharememory_open(name.c_str()),
-                 [](sharememory_handle* handle) { os_sharememory_destroy(&handle); }) {}
-    std::unique_ptr<sharememory_handle, void (*)(sharememory_handle*)> memory;
-    uint8_t* const bytes = static_cast<uint8_t*>(os_sharememory_get_buffer(memory.get()));
+    explicit MappedObject(const std::string& name) : memory(korvane::SharedMemory::open(name)) {}
+    const std::optional<korvane::SharedMemory> memory;
+    uint8_t* const bytes = memory ? static_cast<uint8_t*>(memory->data()) : nullptr;
 };
 
 // The open count at offset 0 of a named object's memory, -1 when absent.

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
-#include "ShmView.h"
+#include "TestSupport.h"
 #include "common/NamedLayouts.h"
 #include "korvane/sync.h"
 #include "korvane/system.h"

@@ -6,26 +6,15 @@
 // scripts/chaos.sh runs it with a private /dev/shm and explains the arguments:
 //   korvane_chaos SYNCD SHM SECONDS WORKERS SEED
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <new>
 #include <random>
 #include <sstream>
-#include <string>
 
-#include "ShmView.h"
+#include "TestSupport.h" // with <atomic>, <filesystem>, <functional>, <string>, <unistd.h> and <sys/wait.h>
 #include "korvane/korvane.hpp"
 
 namespace {
@@ -65,10 +54,7 @@ int64_t nowNs() {
 int pick(int bound) { return static_cast<int>(rng() % static_cast<unsigned>(bound)); }
 
 // The whole of a /proc file of process `pid` ("self" for this one).
-std::string proc(const std::string& pid, const char* file) {
-    std::ifstream in("/proc/" + pid + "/" + file);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
+std::string proc(const std::string& pid, const char* file) { return kvtest::fileText("/proc/" + pid + "/" + file); }
 
 void violation(const std::string& what) {
     shared->violations++;
@@ -303,24 +289,19 @@ pid_t spawn(const std::string& program, const char* argument) {
 // when it exited 0.
 bool reap(pid_t pid, int seconds, const std::function<void()>& stuck = {}) {
     int status = 0;
-    for (int i = 0; waitpid(pid, &status, WNOHANG) == 0; ++i) {
-        if (i == seconds * 100) {
-            if (stuck)
-                stuck();
-            kill(pid, SIGKILL);
-            return waitpid(pid, &status, 0) < 0;
-        }
-        usleep(10000);
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (kvtest::eventually([&] { return waitpid(pid, &status, WNOHANG) != 0; }, std::chrono::seconds(seconds)))
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (stuck)
+        stuck();
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return false;
 }
 
+// Ready once its thread has made the channel's last semaphore.
 bool startManager() {
     manager = spawn(syncd, nullptr);
-    const std::string channel = std::string("/dev/shm/sem.") + KORVANE_SYNC_FINISH_SEMAPHORE;
-    for (int i = 0; i < 500 && !std::filesystem::exists(channel); ++i)
-        usleep(10000);
-    return std::filesystem::exists(channel);
+    return kvtest::eventually([] { return kvtest::segmentSize("sem." KORVANE_SYNC_FINISH_SEMAPHORE) >= 0; }, 5s);
 }
 
 void stopManager() {

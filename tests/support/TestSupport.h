@@ -1,16 +1,20 @@
-// Helpers shared by the test suites: forked children with bounded waits,
-// names unique to the run, temporary folders and capture of what a process
-// prints.
+// Helpers shared by the test suites, the chaos run and the fuzz targets (no
+// test framework needed): forked children with bounded waits, names unique to
+// the run, what /dev/shm and /proc show of named objects, temporary folders
+// and capture of what a process prints.
 #ifndef KORVANE_TEST_SUPPORT_H
 #define KORVANE_TEST_SUPPORT_H
 
+#include <semaphore.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -145,6 +149,28 @@ inline std::vector<std::string> shmEntriesContaining(const std::string& fragment
             names.push_back(std::move(name));
     }
     return names;
+}
+
+// The size of /dev/shm/<name>, -1 when absent.
+inline int64_t segmentSize(const std::string& name) {
+    struct stat status {};
+    return stat(("/dev/shm/" + name).c_str(), &status) == 0 ? status.st_size : -1;
+}
+
+// How many times `process` maps /dev/shm/<name>, removed segments included.
+inline int mappingsOf(const std::string& name, const std::string& process = "self") {
+    std::ifstream maps("/proc/" + process + "/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) // a removed segment's line ends in " (deleted)"
+        count += (line + ' ').find("/dev/shm/" + name + ' ') != std::string::npos;
+    return count;
+}
+
+// A named semaphore's value as every process sees it, -1 when unreadable.
+inline int semaphoreValue(sem_t* semaphore) {
+    int value = -1;
+    sem_getvalue(semaphore, &value);
+    return value;
 }
 
 // A fresh temporary folder, removed with everything in it (links are

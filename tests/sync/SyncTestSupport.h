@@ -10,7 +10,6 @@
 
 #include <optional>
 
-#include "ShmView.h"
 #include "TestSupport.h" // with <atomic>, <cerrno>, <memory>, <thread>, <unistd.h> and <sys/wait.h> among others
 #include "korvane/korvane.hpp"
 

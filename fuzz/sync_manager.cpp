@@ -6,17 +6,14 @@
 // again on a destroy request.
 #include <dirent.h>
 #include <fcntl.h>
-#include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/statvfs.h>
 
-#include <cerrno>
 #include <cstring>
 #include <set>
-#include <string>
 
 #include "FuzzCheck.h"
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 #include "common/NamedLayouts.h"
 #include "korvane/sync.h"
 #include "korvane/system.h"

@@ -2,17 +2,13 @@
 // the filesystem walk, and (in the same family) the text helpers.
 #include <dirent.h>
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <set>
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 #include "korvane/korvane.hpp"
 
 // The folder operations' command lines are recorded here instead of being run

@@ -5,13 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
 #include <korvane/korvane.hpp>
-#include <thread>
 
 #include "PseudoTerminal.h"
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 
 namespace {
 

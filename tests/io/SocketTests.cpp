@@ -2,17 +2,11 @@
 // give for a bad descriptor is checked with their results (tests/abi).
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cerrno>
-#include <thread>
-
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 #include "korvane/io.h"
 
 namespace {

@@ -1,7 +1,8 @@
 // Helpers shared by the test suites, the chaos run and the fuzz targets (no
 // test framework needed): forked children with bounded waits, names unique to
 // the run, what /dev/shm and /proc show of named objects, temporary folders
-// and capture of what a process prints.
+// and capture of what a process prints. The standard and POSIX headers below
+// are the suites' common ones: a suite includes only what it needs beyond them.
 #ifndef KORVANE_TEST_SUPPORT_H
 #define KORVANE_TEST_SUPPORT_H
 

@@ -2,19 +2,12 @@
 // code-page copies.
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <atomic>
-#include <fstream>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 #include "korvane/system.h"
 
 namespace {

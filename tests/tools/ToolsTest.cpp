@@ -3,18 +3,8 @@
 // separate processes they are, with bounded waits.
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "TestSupport.h"
+#include "TestSupport.h" // the standard and POSIX headers the suites share
 #include "korvane/korvane.h"
 
 namespace {

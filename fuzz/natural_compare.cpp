@@ -1,6 +1,7 @@
 // Natural-order comparison over three strings cut from the input: less is
 // greater with its arguments swapped, no string sorts before itself or both
 // before and after another, and the order is transitive.
+#include <sstream>
 #include <string>
 
 #include "FuzzCheck.h"
@@ -16,14 +17,10 @@ bool greater(const std::string& a, const std::string& b) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The input's NUL bytes separate the strings.
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
     std::string s[3];
-    size_t part = 0;
-    for (size_t i = 0; i < size && part < 3; ++i) {
-        if (data[i] == 0)
-            ++part;
-        else
-            s[part] += static_cast<char>(data[i]);
-    }
+    for (std::string& part : s)
+        std::getline(input, part, '\0');
     for (const std::string& a : s) {
         FUZZ_CHECK(!greater(a, a));
         for (const std::string& b : s) {

@@ -48,7 +48,7 @@ TEST(BoolResults, FillTheWholeResultRegister) {
         CALL(variant_resolve_type, "none", nullptr), CALL(variant_wrapper_get_type, nullptr, nullptr, nullptr),
         CALL(variant_wrapper_set_type, nullptr, "int"), CALL(os_file_create, "/proc/none/x"),
         CALL(os_file_remove, none), CALL(os_file_move, none, none), CALL(os_file_copy, none, none),
-        CALL(os_folder_remove, none, false), CALL(os_folder_move, none, none),
+        CALL(os_folder_remove, none, false), CALL(os_folder_move, none, none), CALL(os_file_is_relative_path, "/a"),
         CALL(os_folder_copy, none, none, false), CALL(os_clibrary_string_intelligent_greater, "a2", "a10"),
         CALL(os_serial_select, -1, 0), CALL(os_socket_readable, -1, 0, nullptr),
         CALL(os_socket_writable, -1, 0, nullptr), CALL(os_socket_is_link_broken, -1),

@@ -1,7 +1,8 @@
 // Sequences of safe array operations decoded from the input, checked against
-// a model of the bounds, the contents and the snapshots recorded. String units the array deliberately
-// drops without freeing (an overwritten element's, those in released
-// snapshots) are freed here, so the leak checker sees only real losses.
+// a model of the bounds, the contents and the snapshots recorded. String
+// units the array deliberately drops without freeing (an overwritten
+// element's, those in released snapshots) are freed here, so the leak
+// checker sees only real losses.
 #include <cstring>
 #include <string>
 #include <vector>
